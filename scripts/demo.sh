@@ -1,7 +1,81 @@
 #!/usr/bin/env bash
-# Lays out a ready VELMOR_HOME with generated sample logs (filled in as the
-# tools land).
+# demo.sh <build-dir> <home>
+# Lays out a ready VELMOR_HOME and fills it with a week of generated sample
+# logs (and a CSV of the web requests among them), then says what it made.
+# Each step is a function, so later steps (indexing, searching) can be added
+# after generate_samples.
 set -euo pipefail
+
 BUILD=${1:-build}
 HOME_DIR=${2:-$PWD/demo-home}
-echo "demo: build in $BUILD, VELMOR_HOME would be $HOME_DIR"
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+
+# The sample data: fixed seed and span, so every demo sees the same logs.
+SAMPLE_SEED=20261116
+SAMPLE_SIZE=50M
+SAMPLE_DAYS=7
+SAMPLE_START=2026-11-16
+SAMPLE_HOSTS=6
+
+GENLOGS=""
+SAMPLES_DIR=""
+CSV_FILE=""
+MANIFEST=""
+
+find_tools() {
+  GENLOGS="$BUILD/bin/velmor-genlogs"
+  if [ ! -x "$GENLOGS" ]; then
+    echo "demo: $GENLOGS not found; build first (make build)" >&2
+    exit 1
+  fi
+}
+
+layout_home() {
+  echo "== Laying out VELMOR_HOME"
+  bash "$ROOT/scripts/mkhome.sh" "$HOME_DIR" | grep -v -e '^To use it' -e '^  export ' | sed 's/^/   /'
+  HOME_DIR="$(cd "$HOME_DIR" && pwd)"
+  export VELMOR_HOME="$HOME_DIR"
+  export VELMOR_DB="$HOME_DIR/var/lib/velmor/db"
+  SAMPLES_DIR="$VELMOR_HOME/var/log/samples"
+  CSV_FILE="$VELMOR_HOME/var/run/velmor/sample_access.csv"
+  MANIFEST="$SAMPLES_DIR/MANIFEST"
+}
+
+generate_samples() {
+  echo "== Generating sample logs ($SAMPLE_SIZE over $SAMPLE_DAYS days from $SAMPLE_START, seed $SAMPLE_SEED)"
+  rm -rf "$SAMPLES_DIR"
+  mkdir -p "$SAMPLES_DIR"
+  "$GENLOGS" --seed "$SAMPLE_SEED" --size "$SAMPLE_SIZE" --days "$SAMPLE_DAYS" --start "$SAMPLE_START" \
+    --hosts "$SAMPLE_HOSTS" --out "$SAMPLES_DIR" --csv "$CSV_FILE" > "$MANIFEST.tmp" 2> "$SAMPLES_DIR/genlogs.err" || {
+    cat "$SAMPLES_DIR/genlogs.err" >&2
+    exit 1
+  }
+  mv "$MANIFEST.tmp" "$MANIFEST"
+  sed 's/^velmor-genlogs: /   /' "$SAMPLES_DIR/genlogs.err"
+  rm -f "$SAMPLES_DIR/genlogs.err"
+}
+
+summarise() {
+  echo "== Sample data"
+  awk -F'\t' -v root="$SAMPLES_DIR/" '
+    { sub(root, "", $1); n++; lines += $2; bytes += $3; type[$4] += $3; files[$4]++ }
+    END {
+      printf "   %d files, %d lines, %.1f MB under %s\n", n, lines, bytes / 1e6, root
+      for (t in type) printf "     %-12s %2d files  %7.1f MB\n", t, files[t], type[t] / 1e6 | "sort"
+      close("sort")
+    }' "$MANIFEST"
+  local last_day
+  last_day=$(date -u -d "$SAMPLE_START + $((SAMPLE_DAYS - 1)) days" +%Y-%m-%d 2>/dev/null || echo "?")
+  echo "   time span: $SAMPLE_START 00:00:00 to $last_day 23:59:59 UTC, busiest in the afternoons"
+  echo "   hosts: $(cut -f1 "$MANIFEST" | xargs -n1 dirname | xargs -n1 basename | sort -u | tr '\n' ' ')"
+  echo "   web requests as CSV: $CSV_FILE ($(($(wc -l < "$CSV_FILE") - 1)) rows)"
+  echo "   file list with line counts, sizes and source types: $MANIFEST"
+  echo "== To use this installation"
+  echo "   export VELMOR_HOME=$VELMOR_HOME"
+  echo "   export VELMOR_DB=$VELMOR_DB"
+}
+
+find_tools
+layout_home
+generate_samples
+summarise
