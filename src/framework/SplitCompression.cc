@@ -1,0 +1,282 @@
+#include "framework/SplitCompression.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "util/Exceptions.h"
+#include "util/ExternalProcessGroup.h"
+#include "util/Logger.h"
+#include "util/ProcessRunner.h"
+
+extern char** environ;
+
+namespace {
+
+Logger gLogger("SplitCompression");
+
+const char kMarker[] = ".compressedAddresses";
+
+// Accepts "(\d+)(\.gz)?" and gives the base and whether it is compressed.
+bool parseFileName(const Str& name, int64_t& base, bool& gz) {
+  size_t digits = 0;
+  while (digits < name.size() && name[digits] >= '0' && name[digits] <= '9') ++digits;
+  if (digits == 0 || digits > 18) return false;
+  if (digits == name.size()) {
+    gz = false;
+  } else if (name.compare(digits, Str::npos, ".gz") == 0) {
+    gz = true;
+  } else {
+    return false;
+  }
+  base = 0;
+  for (size_t i = 0; i < digits; ++i) base = base * 10 + (name[i] - '0');
+  return true;
+}
+
+}  // namespace
+
+SplitCompression::SplitCompression(const Pathname& path, uint64_t rollSize, int addressBits, bool compress)
+    : _path(path), _rollSize(rollSize), _addressShift(addressBits), _compress(compress) {
+  assert(addressBits >= 0 && addressBits <= 12);
+  if (!_path.isDir() && !_path.mkdir_p()) {
+    gLogger.error("mkdir failure: path=%s errno=%m", _path.c_str());
+    throw FileCompressionException("mkdir failure: path=%s errno=%s", _path.c_str(), std::strerror(errno));
+  }
+  scan();
+  Pathname marker(_path + "/" + kMarker);
+  if (marker.isDir()) return;
+  if (_foundFiles.empty()) {
+    if (!marker.mkdir() && errno != EEXIST) {
+      gLogger.error("mkdir failure: path=%s errno=%m", marker.c_str());
+      throw FileCompressionException("mkdir failure: path=%s errno=%s", marker.c_str(), std::strerror(errno));
+    }
+    return;
+  }
+  gLogger.info("compression disabled: path=%s", _path.c_str());
+  _addressShift = 0;
+}
+
+SplitCompression::~SplitCompression() {
+  ScopedLock l(_mutex);
+  if (_writeContext) _writeContext->close();
+  _writeContext.reset();
+  waitForCompressionLocked();
+}
+
+Pathname SplitCompression::fileFor(int64_t base, bool gz) const {
+  char name[32];
+  std::snprintf(name, sizeof name, gz ? "%lld.gz" : "%lld", static_cast<long long>(base));
+  return Pathname(_path + "/" + name);
+}
+
+void SplitCompression::scan() {
+  std::vector<Str> names;
+  if (!_path.readDirectory(names)) {
+    gLogger.error("open failure: file=%s, errno=%m", _path.c_str());
+    throw FileCompressionException("open failure: file=%s, errno=%s", _path.c_str(), std::strerror(errno));
+  }
+  ScopedLock l(_mutex);
+  _foundFiles.clear();
+  for (const Str& name : names) {
+    if (name == kMarker) continue;
+    int64_t base;
+    bool gz;
+    if (!parseFileName(name, base, gz)) {
+      gLogger.warn("directory scan: unsuitable file=%s", name.c_str());
+      continue;
+    }
+    auto it = _foundFiles.find(base);
+    if (it == _foundFiles.end()) {
+      _foundFiles.emplace(base, name);
+      continue;
+    }
+    // Both "N" and "N.gz": a gzip was cut short, and only the plain file is
+    // whole. The partial output goes, or the next compression would refuse.
+    Pathname stale = fileFor(base, true);
+    gLogger.warn("directory scan: removing partial file=%s", stale.c_str());
+    stale.unlink();
+    it->second = fileFor(base, false).toLeaf();
+  }
+}
+
+std::map<int64_t, Str> SplitCompression::files() {
+  ScopedLock l(_mutex);
+  return _foundFiles;
+}
+
+void SplitCompression::open() {
+  ScopedLock l(_mutex);
+  openLocked();
+}
+
+void SplitCompression::openLocked() {
+  if (_writeContext) return;
+  const int64_t unit = int64_t(1) << _addressShift;
+  int64_t base = 0;
+  if (_nextBase >= 0) {
+    base = _nextBase;
+  } else if (!_foundFiles.empty()) {
+    auto last = std::prev(_foundFiles.end());
+    Pathname lastFile(_path + "/" + last->second);
+    if (!last->second.ends_with(".gz")) {
+      // Carry on in the plain last file; the next write pads a torn tail.
+      _writeContext = std::make_unique<WriteContext>(lastFile, last->first, _addressShift);
+      return;
+    }
+    ReadContext rc(lastFile, last->first, -1, this, _addressShift);
+    int64_t size = rc.rawSize();
+    if (size < 0) {
+      errno = EIO;
+      gLogger.error("open failure: file=%s, errno=%m", lastFile.c_str());
+      throw FileCompressionException("open failure: file=%s, errno=%s", lastFile.c_str(), std::strerror(EIO));
+    }
+    base = (last->first + size + unit - 1) / unit * unit;
+  }
+  Pathname file = fileFor(base, false);
+  _writeContext = std::make_unique<WriteContext>(file, base, _addressShift);
+  _foundFiles[base] = file.toLeaf();
+  _nextBase = -1;
+}
+
+int64_t SplitCompression::write(int32_t time, std::string_view raw, std::string_view meta) {
+  try {
+    if (!_writeContext) open();
+  } catch (const FileCompressionException&) {
+    return -1;  // logged where it was thrown
+  }
+  const int64_t start = _writeContext->write(time, raw, meta);
+  if (start < 0) return -1;
+  if (uint64_t(start - _writeContext->base()) > _rollSize) {
+    try {
+      roll(true);
+    } catch (const FileCompressionException&) {
+      // The event is stored; the next write tries to open a file again.
+    }
+  }
+  return start >> _addressShift;
+}
+
+void SplitCompression::roll(bool fromWrite) {
+  ScopedLock l(_mutex);
+  closeCurrentLocked(!fromWrite);
+  openLocked();
+}
+
+void SplitCompression::close() {
+  ScopedLock l(_mutex);
+  closeCurrentLocked(true);
+}
+
+void SplitCompression::closeCurrentLocked(bool wait) {
+  if (!_writeContext) return;
+  _writeContext->close();
+  const Pathname file = _writeContext->fileName();
+  const int64_t base = _writeContext->base();
+  const int64_t end = _writeContext->endOffset();
+  _writeContext.reset();
+  // The next file begins where this one ends, not in the file that is
+  // about to be compressed.
+  if (end > base) _nextBase = end;
+  waitForCompressionLocked();
+  if (!_compress || end == base) return;
+  const Pathname gz(file + ".gz");
+  if (gz.exists()) {
+    gLogger.error("dest gzip exists: file=%s", gz.c_str());
+    assert(!"dest gzip exists");
+    return;
+  }
+  const char* mode = wait ? "sync" : "async";
+  if (!startGzip(file)) {
+    gLogger.error("gzip failure: file=%s, mode=%s", file.c_str(), mode);
+    return;
+  }
+  _compressingBase = base;
+  gLogger.info("gzip started: file=%s, mode=%s", file.c_str(), mode);
+  if (wait) waitForCompressionLocked();
+}
+
+bool SplitCompression::startGzip(const Pathname& file) {
+  if (ProcessRunnerPid() != -1) {
+    ExternalProcessGroup group;
+    _compressionToken = group.start({Str("gzip"), Str("-f"), Str(file)});
+    return _compressionToken.valid();
+  }
+  // No process runner in this process (a tool or a test): spawn directly.
+  std::string a0("gzip"), a1("-f"), a2(file);
+  char* argv[] = {a0.data(), a1.data(), a2.data(), nullptr};
+  pid_t pid;
+  if (posix_spawnp(&pid, "gzip", nullptr, nullptr, argv, environ) != 0) return false;
+  _compressionPid = pid;
+  return true;
+}
+
+void SplitCompression::waitForCompression() {
+  ScopedLock l(_mutex);
+  waitForCompressionLocked();
+}
+
+void SplitCompression::waitForCompressionLocked() {
+  if (_compressingBase < 0) return;
+  bool ok;
+  if (_compressionToken.valid()) {
+    ok = _compressionToken.getStatus(true).statusOk();
+    _compressionToken = ExternalProcessToken();
+  } else {
+    int st = 0;
+    pid_t r;
+    do {
+      r = ::waitpid(_compressionPid, &st, 0);
+    } while (r < 0 && errno == EINTR);
+    ok = r == _compressionPid && WIFEXITED(st) && WEXITSTATUS(st) == 0;
+    _compressionPid = -1;
+  }
+  const Pathname gz = fileFor(_compressingBase, true);
+  if (ok && gz.exists()) {
+    _foundFiles[_compressingBase] = gz.toLeaf();
+  } else {
+    gLogger.error("gzip failure: file=%s, mode=async", fileFor(_compressingBase, false).c_str());
+  }
+  _compressingBase = -1;
+}
+
+bool SplitCompression::read(int64_t address, Str& raw, Str& meta, int32_t& time,
+                            std::unique_ptr<ReadContext>* ctx) {
+  if (address < 0 || address >= (int64_t(1) << (62 - _addressShift))) return false;
+  const int64_t offset = address << _addressShift;
+  int64_t base, end = -1;
+  Str name;
+  {
+    ScopedLock l(_mutex);
+    if (_foundFiles.empty()) {
+      gLogger.error("read error: empty dir=%s addr=%lld", _path.c_str(), static_cast<long long>(address));
+      return false;
+    }
+    auto it = _foundFiles.upper_bound(offset);
+    if (it == _foundFiles.begin()) {
+      gLogger.error("read error: underflow dir=%s addr=%lld", _path.c_str(), static_cast<long long>(address));
+      return false;
+    }
+    if (it != _foundFiles.end()) end = it->first;
+    --it;
+    base = it->first;
+    name = it->second;
+  }
+  std::unique_ptr<ReadContext> local;
+  std::unique_ptr<ReadContext>& use = ctx != nullptr ? *ctx : local;
+  if (!use || use->owner() != this || use->base() != base || !use->isOpen()) {
+    use = std::make_unique<ReadContext>(Pathname(_path + "/" + name), base, end, this, _addressShift);
+  }
+  return use->read(address, raw, meta, time);
+}
+
+int64_t SplitCompression::endAddr(int64_t address) {
+  if (address < 0 || address >= (int64_t(1) << (62 - _addressShift))) return -1;
+  ScopedLock l(_mutex);
+  auto it = _foundFiles.upper_bound(address << _addressShift);
+  return it == _foundFiles.end() ? -1 : it->first >> _addressShift;
+}

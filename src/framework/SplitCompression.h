@@ -1,0 +1,106 @@
+// SplitCompression: the raw data journal of one bucket, a directory of
+// numbered files holding the text of every event. Each file is named by the
+// decimal logical offset of its first byte, with ".gz" once compressed; the
+// file being written has no extension and is rolled (padded, closed, handed
+// to a background "gzip -f") when a record starts more than the roll size
+// past its base. An event is known by its address: its logical offset
+// shifted right by the address shift. A directory ".compressedAddresses"
+// marks a journal whose addresses are shifted; a journal with files but no
+// marker is an old one with plain byte offsets (shift 0).
+//
+// DESIGN: writes come from one thread (the index thread, under the policy's
+// lock) and go straight to the open WriteContext, one writev each. The mutex
+// guards _foundFiles, the roll and the compression token; readers take it
+// only to find which file an address lies in, then read with their own
+// ReadContext and descriptor, so any number of reads run at once beside the
+// writer. At most one gzip runs at a time: a roll waits for the previous one
+// before starting the next. gzip replaces "N" by "N.gz" under readers, whose
+// open descriptors keep working; a context opened later finds either name.
+//
+// Ownership: owns its WriteContext and the token of the running gzip; the
+// destructor waits for that gzip. Callers own their ReadContexts.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string_view>
+
+#include "framework/ReadContext.h"
+#include "framework/WriteContext.h"
+#include "util/ExternalProcessToken.h"
+#include "util/Mutex.h"
+#include "util/Pathname.h"
+#include "util/Str.h"
+
+class SplitCompression {
+ public:
+  static constexpr uint64_t kDefaultRollSize = 0xA00000;  // 10 MiB
+  static constexpr int kDefaultAddressBits = 5;
+
+  // Creates the directory if needed and scans it. Throws
+  // FileCompressionException ("mkdir failure: path=%s errno=%m") when the
+  // directory cannot be made. With compress false rolled files stay plain.
+  // REQUIRES: addressBits in [0, 12].
+  SplitCompression(const Pathname& path, uint64_t rollSize = kDefaultRollSize,
+                   int addressBits = kDefaultAddressBits, bool compress = true);
+  ~SplitCompression();
+  SplitCompression(const SplitCompression&) = delete;
+  SplitCompression& operator=(const SplitCompression&) = delete;
+
+  // Opens the file to write at the end of the address space: the last file
+  // again when it is plain (padding a torn tail to the boundary), else a new
+  // one. Throws FileCompressionException "open failure: file=%s, errno=%m".
+  // write() calls it on need.
+  void open();
+  // Appends one event; returns its address, or -1 (logged). REQUIRES: raw
+  // is not empty.
+  int64_t write(int32_t time, std::string_view raw, std::string_view meta);
+  // Reads the event at address. ctx, when given, is reused if it belongs to
+  // this journal and covers the address, and replaced otherwise, so that a
+  // caller walking addresses in order reads each file once. Never throws.
+  bool read(int64_t address, Str& raw, Str& meta, int32_t& time, std::unique_ptr<ReadContext>* ctx = nullptr);
+  // Address of the end of the file holding address, or -1 when it lies in
+  // the last file.
+  int64_t endAddr(int64_t address);
+  // Closes the current file, starts its compression and opens the next one.
+  // fromWrite true (a roll by size) lets gzip run in the background; false
+  // waits for it.
+  void roll(bool fromWrite);
+  // Pads and closes the current file, compresses it (waiting) unless it is
+  // empty; a later write opens a new file.
+  void close();
+  // Waits for a running gzip, if any.
+  void waitForCompression();
+
+  const Pathname& path() const { return _path; }
+  int addressShift() const { return _addressShift; }
+  bool compressionEnabled() const { return _compress; }
+  // File names by base offset, as the journal knows them now.
+  std::map<int64_t, Str> files();
+
+ private:
+  void scan();
+  void openLocked();
+  // Closes the current file and compresses it; wait picks sync mode.
+  void closeCurrentLocked(bool wait);
+  // Starts "gzip -f file" through the process runner when there is one,
+  // else by posix_spawn. False if it could not start.
+  bool startGzip(const Pathname& file);
+  void waitForCompressionLocked();
+  Pathname fileFor(int64_t base, bool gz) const;
+
+  Pathname _path;
+  uint64_t _rollSize;
+  int _addressShift;
+  bool _compress;
+  std::unique_ptr<WriteContext> _writeContext;
+  std::map<int64_t, Str> _foundFiles;  // base offset -> file name
+  Mutex _mutex;
+  ExternalProcessToken _compressionToken;
+  pid_t _compressionPid = -1;  // the gzip started without a runner
+  int64_t _compressingBase = -1;
+  int64_t _nextBase = -1;  // base of the file to open after a close
+};

@@ -1,0 +1,137 @@
+#include "framework/WriteContext.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+
+#include "util/Exceptions.h"
+#include "util/Logger.h"
+
+namespace {
+
+Logger gLogger("SplitCompression");
+
+// The largest unit of alignment (addressShift 12); padding is cut from it.
+constexpr size_t kMaxUnit = 4096;
+const char kZeros[kMaxUnit] = {};
+
+}  // namespace
+
+WriteContext::WriteContext(const Pathname& file, int64_t base, int addressShift)
+    : _fileName(file), _base(base), _addressShift(addressShift) {
+  assert(addressShift >= 0 && addressShift <= 12);
+  assert(base % (int64_t(1) << addressShift) == 0);
+  _fd.reset(::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  struct stat st;
+  if (!_fd.isValid() || ::fstat(_fd.get(), &st) != 0) {
+    gLogger.error("open failure: file=%s, errno=%m", file.c_str());
+    throw FileCompressionException("open failure: file=%s, errno=%s", file.c_str(), std::strerror(errno));
+  }
+  _bytesWritten = st.st_size;
+}
+
+// Writes the whole of iov, going on after short writes. On failure the byte
+// count is brought back to the file's real size so that the next write pads
+// past whatever part landed.
+bool WriteContext::writeAll(struct iovec* iov, int count, size_t total) {
+  size_t done = 0;
+  while (done < total) {
+    ssize_t n = ::writev(_fd.get(), iov, count);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      gLogger.error("write failure: file=%s errno=%m", _fileName.c_str());
+      int saved = errno;
+      struct stat st;
+      if (_fd.isValid() && ::fstat(_fd.get(), &st) == 0) _bytesWritten = st.st_size;
+      errno = saved;
+      return false;
+    }
+    done += size_t(n);
+    _bytesWritten += n;
+    // Skip the parts written in full and trim the one cut short.
+    size_t skip = size_t(n);
+    while (count > 0 && skip >= iov->iov_len) {
+      skip -= iov->iov_len;
+      ++iov;
+      --count;
+    }
+    if (count > 0) {
+      iov->iov_base = static_cast<char*>(iov->iov_base) + skip;
+      iov->iov_len -= skip;
+    }
+  }
+  return true;
+}
+
+bool WriteContext::padToBoundary() {
+  if (!_fd.isValid()) return false;
+  const int64_t unit = int64_t(1) << _addressShift;
+  const size_t pad = size_t((unit - (_bytesWritten % unit)) % unit);
+  if (pad == 0) return true;
+  struct iovec iov = {const_cast<char*>(kZeros), pad};
+  return writeAll(&iov, 1, pad);
+}
+
+// One record, little-endian and packed; `len` = rawLen + metaLen + 8.
+//
+//   OFFSET               SIZE     MEANING
+//   0                    1        separator '|'
+//   1                    4        len
+//   5                    4        segment count, always 0
+//   9                    4        time, seconds (signed)
+//   13                   rawLen   raw text of the event
+//   13+rawLen            metaLen  metadata text, may be empty
+//   13+rawLen+metaLen    4        rawLen
+//   17+rawLen+metaLen    pad      zero bytes up to the next 2^shift boundary
+//
+// The record goes out in one writev of these eight parts.
+int64_t WriteContext::write(int32_t time, std::string_view raw, std::string_view meta) {
+  assert(!raw.empty());
+  if (!_fd.isValid()) {
+    errno = EBADF;
+    gLogger.error("write failure: file=%s errno=%m", _fileName.c_str());
+    return -1;
+  }
+  const uint64_t len64 = uint64_t(raw.size()) + meta.size() + 8;
+  if (len64 > UINT32_MAX) {
+    gLogger.error("raw data too large: file=%s", _fileName.c_str());
+    return -1;
+  }
+  if (!padToBoundary()) return -1;
+
+  static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "raw data records are little-endian");
+  char sep = '|';
+  uint32_t len = uint32_t(len64);
+  uint32_t segCount = 0;
+  int32_t t = time;
+  uint32_t rawLen = uint32_t(raw.size());
+  const int64_t unit = int64_t(1) << _addressShift;
+  const size_t body = 17 + raw.size() + meta.size();
+  const size_t pad = size_t((unit - int64_t(body % unit)) % unit);
+
+  struct iovec iov[8] = {
+      {&sep, 1},
+      {&len, 4},
+      {&segCount, 4},
+      {&t, 4},
+      {const_cast<char*>(raw.data()), raw.size()},
+      {const_cast<char*>(meta.data()), meta.size()},
+      {&rawLen, 4},
+      {const_cast<char*>(kZeros), pad},
+  };
+  const int64_t start = _base + _bytesWritten;
+  if (!writeAll(iov, 8, body + pad)) return -1;
+  return start;
+}
+
+bool WriteContext::close() {
+  if (!_fd.isValid()) return true;
+  bool ok = padToBoundary();
+  ok = _fd.close() && ok;
+  return ok;
+}

@@ -1,0 +1,227 @@
+#include "pipeline/indexer/GenericCleaner.h"
+
+#include <cstring>
+
+#include "libbundle/PropertiesMap.h"
+#include "libbundle/PropertyPages.h"
+#include "util/Logger.h"
+#include "util/Regex.h"
+#include "util/RegexMatch.h"
+
+static Logger gLogger("GenericCleaner");
+
+namespace {
+
+inline char lower(unsigned char c) { return (c >= 'A' && c <= 'Z') ? char(c + 32) : char(c); }
+
+// Control bytes and DEL; blanks, tabs, CR and LF are white space and so are
+// not forced breakers (a configuration names them when it wants them).
+inline bool isForcedBreaker(unsigned char c) {
+  return (c < 0x20 && c != ' ' && c != '\t' && c != '\n' && c != '\r' && c != '\v' && c != '\f') || c == 0x7f;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
+GenericCleaner::GenericCleaner(const PropertiesMap& stanza) {
+  _trie.emplace_back();
+  std::memset(&_trie[0], 0, sizeof(Node));
+  Str v;
+  if (stanza.get("MAJOR", v))
+    for (const Str& b : parseBreakerList(v)) addBreaker(b, true);
+  if (stanza.get("MINOR", v))
+    for (const Str& b : parseBreakerList(v)) addBreaker(b, false);
+  PropertyPages::layeredFind("LOOKAHEAD", stanza, _lookahead);
+  PropertyPages::layeredFind("MINOR_LEN", stanza, _minorLen);
+  PropertyPages::layeredFind("MAJOR_LEN", stanza, _majorLen);
+  PropertyPages::layeredFind("MINOR_COUNT", stanza, _minorCount);
+  PropertyPages::layeredFind("MAJOR_COUNT", stanza, _majorCount);
+  PropertyPages::layeredFind("INTERMEDIATE_MAJORS", stanza, _intermediateMajors);
+  if (stanza.get("FILTER", v) && !v.empty()) {
+    try {
+      _filter = std::make_unique<Regex>(v);
+    } catch (const std::exception&) {
+      gLogger.error("Invalid FILTER=\"%s\"", v.c_str());
+      _filter.reset();
+    }
+  }
+}
+
+GenericCleaner::~GenericCleaner() = default;
+
+std::vector<Str> GenericCleaner::parseBreakerList(const StrSegment& text) {
+  std::vector<Str> out;
+  Str cur;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c == ' ' || c == '\t') {
+      if (!cur.empty()) out.push_back(cur);
+      cur.clear();
+      continue;
+    }
+    if (c == '\\' && i + 1 < text.size()) {
+      char e = text[++i];
+      switch (e) {
+        case 'n': cur += '\n'; break;
+        case 't': cur += '\t'; break;
+        case 'r': cur += '\r'; break;
+        case 's': cur += ' '; break;
+        case 'x': {
+          int hi = i + 1 < text.size() ? hexDigit(text[i + 1]) : -1;
+          int lo = i + 2 < text.size() ? hexDigit(text[i + 2]) : -1;
+          if (hi >= 0 && lo >= 0) {
+            cur += char(hi * 16 + lo);
+            i += 2;
+          } else {
+            cur += 'x';
+          }
+          break;
+        }
+        default: cur += e; break;
+      }
+      continue;
+    }
+    cur += c;
+  }
+  if (!cur.empty()) out.push_back(cur);
+  return out;
+}
+
+void GenericCleaner::addBreaker(const Str& text, bool major) {
+  if (text.empty() || text.size() > 0xffff) return;
+  int32_t node = 0;
+  for (unsigned char c : text) {
+    int32_t next = _trie[node].child[c];
+    if (next == 0) {
+      next = int32_t(_trie.size());
+      _trie.emplace_back();
+      std::memset(&_trie.back(), 0, sizeof(Node));
+      _trie[node].child[c] = next;
+    }
+    node = next;
+  }
+  // A string listed twice keeps its first kind (majors are read first).
+  if (_trie[node].breakerLen == 0) {
+    _trie[node].breakerLen = uint16_t(text.size());
+    _trie[node].major = major;
+  }
+}
+
+size_t GenericCleaner::matchBreaker(const char* p, const char* end, bool& major) const {
+  size_t best = 0;
+  int32_t node = 0;
+  for (const char* q = p; q < end; ++q) {
+    node = _trie[node].child[(unsigned char)*q];
+    if (node == 0) break;
+    if (_trie[node].breakerLen) {
+      best = _trie[node].breakerLen;
+      major = _trie[node].major;
+    }
+  }
+  if (best == 0 && isForcedBreaker((unsigned char)*p)) {
+    major = true;
+    return 1;
+  }
+  return best;
+}
+
+// Passes _buf[from, _bufLen) as one segment. False when the callback asked
+// to stop.
+bool GenericCleaner::pass(size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb) {
+  size_t len = _bufLen - from;
+  if (len == 0) return true;
+  if (isMajor) {
+    if ((_majorLen >= 0 && long(len) > _majorLen) || (_majorCount >= 0 && _majorsPassed >= _majorCount))
+      return true;
+    ++_majorsPassed;
+  } else {
+    if ((_minorLen >= 0 && long(len) > _minorLen) || (_minorCount >= 0 && _minorsPassed >= _minorCount))
+      return true;
+    ++_minorsPassed;
+  }
+  _buf[_bufLen] = '\0';
+  return cb.acceptToken(_buf + from, len, rawStart, rawEnd);
+}
+
+void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
+  StrSegment text = input;
+  if (_filter) {
+    StrSegment t(text);
+    RegexMatch m;
+    if (!_filter->match(t, &m)) return;
+    text = m.getGroup(0);
+  }
+  if (_lookahead >= 0 && text.size() > size_t(_lookahead)) text = StrSegment(text.data(), size_t(_lookahead));
+  // Offsets are reported against the text the caller gave.
+  const size_t base = size_t(text.data() - input.data());
+  const char* p = text.data();
+  const char* end = p + text.size();
+
+  _bufLen = 0;
+  _majorsPassed = 0;
+  _minorsPassed = 0;
+  size_t minorFrom = 0;     // buffer position where the current minor segment starts
+  size_t majorRaw = 0;      // raw offset of the current major segment
+  size_t minorRaw = 0;      // raw offset of the current minor segment
+  bool inSegment = false;
+
+  // At a breaker (or the end) at raw offset `at`.
+  auto flush = [&](bool major, size_t at) -> bool {
+    if (_bufLen == 0) return true;
+    bool wholeOffered = major || _intermediateMajors;
+    if (wholeOffered && !pass(0, majorRaw, at, true, cb)) return false;
+    // With no minor breaker seen yet the minor segment is the whole segment:
+    // it was offered above (and maybe refused by a limit), so not again.
+    if (!(wholeOffered && minorFrom == 0)) {
+      if (!pass(minorFrom, minorRaw, at, false, cb)) return false;
+    }
+    return true;
+  };
+
+  while (p < end) {
+    bool major = false;
+    size_t blen = matchBreaker(p, end, major);
+    size_t off = base + size_t(p - text.data());
+    if (blen == 0) {
+      if (_bufLen < kMaxSegment) {
+        if (!inSegment) {
+          inSegment = true;
+          majorRaw = off;
+          minorRaw = off;
+        } else if (minorFrom == _bufLen) {
+          minorRaw = off;
+        }
+        _buf[_bufLen++] = lower((unsigned char)*p);
+      }
+      ++p;
+      continue;
+    }
+    if (_bufLen >= kMaxSegment && !major) {
+      // Full buffer: only a major breaker ends the skipping.
+      p += blen;
+      continue;
+    }
+    if (!flush(major, off)) return;
+    if (major) {
+      _bufLen = 0;
+      minorFrom = 0;
+      inSegment = false;
+    } else {
+      if (!inSegment) {
+        inSegment = true;
+        majorRaw = off;
+      }
+      for (size_t i = 0; i < blen && _bufLen < kMaxSegment; ++i) _buf[_bufLen++] = lower((unsigned char)p[i]);
+      minorFrom = _bufLen;
+      minorRaw = off + blen;
+    }
+    p += blen;
+  }
+  flush(true, base + text.size());
+}

@@ -1,0 +1,272 @@
+#include "pipeline/indexer/TimeInvertedIndex.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "util/Exceptions.h"
+#include "util/Logger.h"
+
+extern char** environ;
+
+static Logger gLogger("TimeInvertedIndex");
+
+namespace {
+
+const char* const kTableNames[4] = {"EventTypes", "Hosts", "Sources", "SourceTypes"};
+
+// Sorted, cleaned keyword list; `ptrs` points into `keep`.
+void fillList(const std::vector<Str>& terms, std::vector<Str>& keep, std::vector<char*>& ptrs, st_strlist& list) {
+  for (const Str& t : terms) {
+    if (t.empty()) {
+      gLogger.warn("Got an empty term");
+      continue;
+    }
+    Str k = t[0] == '+' ? Str(t.substr(1)) : t;
+    if (k.empty()) {
+      gLogger.warn("Got an empty term");
+      continue;
+    }
+    keep.push_back(k);
+  }
+  std::sort(keep.begin(), keep.end());
+  for (Str& k : keep) ptrs.push_back(k.data());
+  list.strs = ptrs.empty() ? nullptr : ptrs.data();
+  list.count = uint32_t(ptrs.size());
+}
+
+}  // namespace
+
+TimeInvertedIndex::TimeInvertedIndex(const Pathname& dir, const Options& options) : _dir(dir), _options(options) {
+  for (int i = 0; i < 4; ++i)
+    _tables[i] = std::make_unique<MetaData>(_dir, Str(kTableNames[i]) + ".data", kTableNames[i]);
+}
+
+TimeInvertedIndex::~TimeInvertedIndex() {
+  if (isOpen()) {
+    try {
+      close();
+    } catch (const std::exception& e) {
+      gLogger.error(e);
+    }
+  }
+}
+
+bool TimeInvertedIndex::isOpen() {
+  ScopedLock l(_mutex);
+  return _handle != nullptr;
+}
+
+bool TimeInvertedIndex::uncompressDir(const Pathname& dir) {
+  std::vector<Str> names;
+  if (!dir.readDirectory(names)) return true;
+  bool ok = true;
+  for (const Str& name : names) {
+    if (!name.endswith("tsidx.gz")) continue;
+    Pathname path = dir / name;
+    char prog[] = "gunzip";
+    char* argv[] = {prog, path.data(), nullptr};
+    pid_t pid;
+    int status = 0;
+    if (posix_spawnp(&pid, "gunzip", nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid ||
+        !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      gLogger.error("Unable to gunzip %s", path.c_str());
+      ok = false;
+    }
+  }
+  return ok;
+}
+
+void TimeInvertedIndex::create(bool force) {
+  ScopedLock l(_mutex);
+  if (_handle) {
+    gLogger.warn("Open called twice on an index");
+    return;
+  }
+  gLogger.info("create by dirname %s", _dir.c_str());
+  uncompressDir(_dir);
+  _handle = st_open(_dir.c_str());
+  if (!_handle) throw DbException(Str("Unable to create new SearchThing with dirname = ") + _dir);
+
+  st_meta_answer all{};
+  bool empty = st_meta(_handle, "meta::all", &all) < 0 || all.count <= 0;
+  bool remake = force || !(_dir / "Hosts.data").rw_ok() || empty;
+  for (auto& t : _tables) {
+    if (remake) {
+      t->clear();
+      t->sync();
+    } else {
+      t->open();
+    }
+  }
+  st_options(_handle, _options.maxTermChars, _options.maxTerms, _options.maxPostings, _options.maxValues);
+  st_autotune(_handle, _options.maxMemMB << 20);
+  _lastSync = INT64_MIN;
+}
+
+bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
+  ScopedLock l(_mutex);
+  if (!_handle) {
+    gLogger.error("Attempting to add to uninitalized database");
+    return false;
+  }
+  value.setHandle(_handle);
+  value.index(ev);
+  return true;
+}
+
+void TimeInvertedIndex::Locked_sync() {
+  // A failed flush is not reported upward; the next one retries.
+  if (st_sync(_handle) < 0) gLogger.warn("st_sync failed for %s: %m", _dir.c_str());
+}
+
+bool TimeInvertedIndex::doSyncIfNeeded(int64_t now) {
+  ScopedLock l(_mutex);
+  if (!_handle) return false;
+  if (_lastSync != INT64_MIN && now - _lastSync < _options.syncPeriod) return false;
+  Locked_sync();
+  _lastSync = now;
+  return true;
+}
+
+bool TimeInvertedIndex::getValues(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                                  const std::vector<Str>& notTerms, int32_t start, int32_t end, uint32_t capacity,
+                                  int64_t now, std::vector<st_tsval>& out) {
+  doSyncIfNeeded(now);
+  st_handle* q = st_open_wflags(_dir.c_str(), 5);
+  if (!q) {
+    gLogger.error("Database is NOT open");
+    return false;
+  }
+  st_query_spec spec;
+  std::memset(&spec, 0, sizeof spec);
+  spec.start = start;
+  spec.end = end;
+  std::vector<Str> keepAnd, keepOr, keepNot;
+  std::vector<char*> pAnd, pOr, pNot;
+  fillList(andTerms, keepAnd, pAnd, spec.and_keywords);
+  fillList(orTerms, keepOr, pOr, spec.or_keywords);
+  fillList(notTerms, keepNot, pNot, spec.not_keywords);
+  if (keepAnd.empty() && keepOr.empty() && keepNot.empty()) fillList({Str("meta::all")}, keepAnd, pAnd, spec.and_keywords);
+
+  out.resize(capacity);
+  int32_t n = capacity ? st_query(q, &spec, out.data(), capacity, 0) : 0;
+  st_close(q);
+  if (n < 0) {
+    gLogger.crit("st_query failed");
+    out.clear();
+    return false;
+  }
+  if (uint32_t(n) > capacity) {
+    gLogger.warn("st_query returned more answers than requested");
+    n = int32_t(capacity);
+  }
+  out.resize(size_t(n));
+  return true;
+}
+
+static const char kTsvalMagic[8] = {'T', 'S', 'V', 'A', 'L', 'S', '0', '1'};
+
+bool TimeInvertedIndex::exportTsvals(const Pathname& path, int64_t now) {
+  doSyncIfNeeded(now);
+  st_handle* q = st_open_wflags(_dir.c_str(), 5);
+  if (!q) {
+    gLogger.error("Database is NOT open");
+    return false;
+  }
+  st_query_spec spec;
+  std::memset(&spec, 0, sizeof spec);
+  spec.start = INT32_MIN;
+  spec.end = INT32_MAX;
+  char all[] = "meta::all";
+  char* terms[] = {all};
+  spec.and_keywords.strs = terms;
+  spec.and_keywords.count = 1;
+  std::vector<st_tsval> vals;
+  const uint32_t chunk = 65536;
+  bool ok = true;
+  for (uint32_t skip = 0;; skip += chunk) {
+    if (uint64_t(skip) + chunk > ST_MAX_QUERY_ANSWERS) {
+      gLogger.error("Too many values to export from %s", _dir.c_str());
+      ok = false;
+      break;
+    }
+    size_t have = vals.size();
+    vals.resize(have + chunk);
+    int32_t n = st_query(q, &spec, vals.data() + have, chunk, skip);
+    if (n < 0) {
+      gLogger.crit("st_query failed");
+      ok = false;
+      break;
+    }
+    vals.resize(have + size_t(n));
+    if (uint32_t(n) < chunk) break;
+  }
+  st_close(q);
+  if (!ok) return false;
+
+  Pathname temp(path + ".temp");
+  FILE* f = std::fopen(temp.c_str(), "wb");
+  if (!f) {
+    gLogger.error("Unable to open %s: %m", temp.c_str());
+    return false;
+  }
+  uint64_t count = vals.size();
+  ok = std::fwrite(kTsvalMagic, 1, 8, f) == 8 && std::fwrite(&count, 8, 1, f) == 1 &&
+       (count == 0 || std::fwrite(vals.data(), sizeof(st_tsval), count, f) == count);
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok || !temp.renameTo(path)) {
+    gLogger.error("Unable to write %s: %m", path.c_str());
+    temp.unlink();
+    return false;
+  }
+  return true;
+}
+
+bool TimeInvertedIndex::importTsvals(const Pathname& path, std::vector<st_tsval>& out) {
+  out.clear();
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return false;
+  char magic[8];
+  uint64_t count = 0;
+  bool ok = std::fread(magic, 1, 8, f) == 8 && std::memcmp(magic, kTsvalMagic, 8) == 0 &&
+            std::fread(&count, 8, 1, f) == 1;
+  if (ok) {
+    // The count must match the file's size before anything is allocated.
+    long here = std::ftell(f);
+    std::fseek(f, 0, SEEK_END);
+    long size = std::ftell(f);
+    std::fseek(f, here, SEEK_SET);
+    ok = here >= 0 && size >= here && count == uint64_t(size - here) / sizeof(st_tsval) &&
+         uint64_t(size - here) % sizeof(st_tsval) == 0;
+  }
+  if (ok && count) {
+    out.resize(count);
+    ok = std::fread(out.data(), sizeof(st_tsval), count, f) == count;
+  }
+  std::fclose(f);
+  if (!ok) {
+    gLogger.error("%s is not a value dump", path.c_str());
+    out.clear();
+  }
+  return ok;
+}
+
+void TimeInvertedIndex::close() {
+  ScopedLock l(_mutex);
+  if (!_handle) {
+    gLogger.warn("close called on closed index");
+    return;
+  }
+  if (!_dir.exists()) {
+    gLogger.warn("Directory %s appears to have been deleted", _dir.c_str());
+  } else {
+    Locked_sync();
+    for (auto& t : _tables) t->sync();
+  }
+  st_close(_handle);
+  _handle = nullptr;
+}

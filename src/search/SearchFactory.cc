@@ -1,0 +1,77 @@
+#include "search/SearchFactory.h"
+
+#include <map>
+
+#include "search/SearchProcessor.h"
+#include "util/Mutex.h"
+
+static Str lowerStr(const Str& s) {
+  Str out(s);
+  lowercaseInPlace(out);
+  return out;
+}
+
+namespace {
+
+struct Entry {
+  SearchFactory::Factory factory;
+  bool internalOnly;
+};
+
+struct Tables {
+  Mutex mutex;
+  std::map<Str, Entry> registered;
+  std::map<Str, Entry> builtin;
+};
+
+Tables& tables() {
+  static Tables* t = new Tables();
+  return *t;
+}
+
+SearchFactory::Factory lookup(const std::map<Str, Entry>& table, const Str& name, bool allowInternal) {
+  auto it = table.find(name);
+  if (it == table.end() || (it->second.internalOnly && !allowInternal)) return nullptr;
+  return it->second.factory;
+}
+
+}  // namespace
+
+void SearchFactory::registerProcessor(const Str& name, Factory factory, bool internalOnly) {
+  Tables& t = tables();
+  ScopedLock lock(t.mutex);
+  t.registered[lowerStr(name)] = Entry{factory, internalOnly};
+}
+
+void SearchFactory::registerBuiltin(const Str& name, Factory factory, bool internalOnly) {
+  Tables& t = tables();
+  ScopedLock lock(t.mutex);
+  t.builtin[lowerStr(name)] = Entry{factory, internalOnly};
+}
+
+void SearchFactory::unregister(const Str& name) {
+  Tables& t = tables();
+  ScopedLock lock(t.mutex);
+  t.registered.erase(lowerStr(name));
+  t.builtin.erase(lowerStr(name));
+}
+
+SearchFactory::Factory SearchFactory::getMappedProcessor(const Str& name, bool allowInternal) {
+  Tables& t = tables();
+  Str lower = lowerStr(name);
+  ScopedLock lock(t.mutex);
+  if (Factory f = lookup(t.registered, lower, allowInternal)) return f;
+  return lookup(t.builtin, lower, allowInternal);
+}
+
+bool SearchFactory::isProcessorRegistered(const Str& name, bool allowInternal) {
+  return getMappedProcessor(name, allowInternal) != nullptr;
+}
+
+SearchProcessor* SearchFactory::getProcessor(const Str& name, bool allowInternal) {
+  Str lower = lowerStr(name);
+  if (Factory f = getMappedProcessor(lower, allowInternal)) return f(lower);
+  // External scripts ("script:<name>") are looked up here once the script
+  // runner is available; until then such names are unknown like any other.
+  throw SearchProcessorException("Unknown search operation: '" + lower + "'");
+}

@@ -1,0 +1,121 @@
+#include "search/SearchPipeline.h"
+
+#include <ctime>
+
+#include "search/IdProvider.h"
+#include "search/SearchCancel.h"
+#include "search/SearchPIDs.h"
+#include "search/SearchResults.h"
+#include "search/SearchResultsInfo.h"
+#include "util/Logger.h"
+
+static Logger gLogger("SearchPipeline");
+static Logger gPerfLogger("SearchPipelinePerformance");
+
+SearchPipeline::SearchPipeline() : SearchProcessor("PIPELINE") {}
+
+SearchPipeline::~SearchPipeline() {
+  for (SearchProcessor* p : processors) delete p;
+}
+
+void SearchPipeline::insertProcessor(SearchProcessor* p, unsigned int pos) {
+  if (pos >= processors.size()) {
+    processors.push_back(p);
+    return;
+  }
+  auto it = processors.begin();
+  std::advance(it, pos);
+  processors.insert(it, p);
+}
+
+std::list<SearchProcessor*> SearchPipeline::releaseProcessors() {
+  std::list<SearchProcessor*> out;
+  out.swap(processors);
+  return out;
+}
+
+void SearchPipeline::evalArgs(SearchResultsInfo& info) {
+  if (pipelineArgsEvaluated) return;
+  pipelineArgsEvaluated = true;
+  bool first = true;
+  for (SearchProcessor* p : processors) {
+    info.firstInPipeline = first;
+    first = false;
+    try {
+      p->evalArgs(info);
+      p->processArguments();
+    } catch (const SearchProcessorException&) {
+      throw;
+    } catch (const std::exception& e) {
+      throw SearchProcessorException(e.what());
+    } catch (...) {
+      throw searchError(gLogger, "Unknown exception evaluating arguments for command: '%s'",
+                        p->getName().c_str());
+    }
+  }
+}
+
+void SearchPipeline::execute(SearchResults& results, SearchResultsInfo& info) {
+  Str pid = IdProvider::getNextId();
+  SearchPIDs* pids = SearchPIDs::instance();
+  pids->init(pid, info.cancelId, getLitSearch());
+  if (info.queryId.empty() && !processors.empty()) {
+    gLogger.warn("Empty query id provided, generating a random one.  Search = '%s'", getLitSearch().c_str());
+    info.queryId = "spgenqid_" + IdProvider::getNextId();
+  }
+  const char* current = "";
+  try {
+    evalArgs(info);
+    info.firstInPipeline = true;
+    for (SearchProcessor* p : processors) {
+      current = p->getName().c_str();
+      pids->update(pid, p->getName(), results.size());
+      if (!SearchCancel::instance()->cont(info.cancelId)) {
+        results.free(false);
+        pids->finalize(pid);
+        return;
+      }
+      clock_t start = clock();
+      p->execute_dispatch(results, info);
+      info.firstInPipeline = false;
+      if (gPerfLogger.isDebugEnabled())
+        gPerfLogger.debug("processor=%s cancel_id=%s executetime=%.3f secs", p->getName().c_str(),
+                          info.cancelId.c_str(), double(clock() - start) / CLOCKS_PER_SEC);
+    }
+  } catch (const SearchProcessorException&) {
+    pids->finalize(pid);
+    throw;
+  } catch (const std::exception& e) {
+    pids->finalize(pid);
+    throw SearchProcessorException(e.what());
+  } catch (...) {
+    pids->finalize(pid);
+    throw searchError(gLogger, "Unknown exception executing command: '%s'", current);
+  }
+  pids->finalize(pid);
+}
+
+bool SearchPipeline::acceptsPartialResults() const {
+  for (SearchProcessor* p : processors)
+    if (!p->acceptsPartialResults()) return false;
+  return true;
+}
+
+Str SearchPipeline::toString(unsigned int indent) const {
+  Str out = Str(indent * 2, ' ') + "Pipeline";
+  if (!acceptsPartialResults()) out += " (no partial results)";
+  out += ":\n";
+  for (SearchProcessor* p : processors) out += p->toString(indent + 1);
+  return out;
+}
+
+Str SearchPipeline::processorListToSearch(const std::list<SearchProcessor*>& procs) {
+  Str out;
+  bool first = true;
+  for (SearchProcessor* p : procs) {
+    if (!first) out += "| ";
+    first = false;
+    out += p->getName() + " " + p->getSearch();
+  }
+  return out;
+}

@@ -1,0 +1,255 @@
+// Hot slice: flat tables allocated once, open-addressed hashes of terms and
+// values, and the sort that prepares them for the slice writer.
+#include "searchthing/hotslice.h"
+
+#include <assert.h>
+#include <stdlib.h>
+#include <string.h>
+
+static bool is_good_hash_size(uint32_t max_terms) { return max_terms > 256 && (max_terms & 1) == 0; }
+
+st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32_t max_postings,
+                                  uint32_t max_values) {
+  assert(is_good_hash_size(max_terms) && "_is_good_hash_size");
+  (void)is_good_hash_size;
+  st_hot_slice* h = (st_hot_slice*)calloc(1, sizeof *h);
+  if (!h) return NULL;
+  h->pool_size = pool_size;
+  h->max_terms = max_terms;
+  h->max_postings = max_postings;
+  h->max_values = max_values;
+  h->pool = (char*)malloc(pool_size ? pool_size : 1);
+  h->stats = (st_hot_term_stats*)malloc(sizeof(st_hot_term_stats) * max_terms);
+  h->term_hash = (st_hot_term_slot*)calloc(2 * (size_t)max_terms, sizeof(st_hot_term_slot));
+  h->postings = (st_hot_posting*)calloc(max_postings ? max_postings : 1, sizeof(st_hot_posting));
+  h->values = (st_tsval*)malloc(sizeof(st_tsval) * (max_values ? max_values : 1));
+  h->value_hash = (st_tsval**)calloc(2 * (size_t)(max_values ? max_values : 1), sizeof(st_tsval*));
+  h->value_numbers = (uint32_t*)malloc(sizeof(uint32_t) * (max_values ? max_values : 1));
+  h->sorted_terms = (const char**)malloc(sizeof(char*) * max_terms);
+  h->postings_per_term = (uint32_t*)malloc(sizeof(uint32_t) * max_terms);
+  h->flat_postings = (uint32_t*)malloc(sizeof(uint32_t) * (max_postings ? max_postings : 1));
+  h->rterms = (st_hot_rterm*)malloc(sizeof(st_hot_rterm) * max_terms);
+  h->term_lengths = (uint64_t*)malloc(sizeof(uint64_t) * max_terms);
+  h->rpool = (char*)malloc(pool_size + max_terms);
+  if (!h->pool || !h->stats || !h->term_hash || !h->postings || !h->values || !h->value_hash ||
+      !h->value_numbers || !h->sorted_terms || !h->postings_per_term || !h->flat_postings || !h->rterms ||
+      !h->term_lengths || !h->rpool) {
+    st_hot_slice_close(h);
+    return NULL;
+  }
+  return h;
+}
+
+void st_hot_slice_close(st_hot_slice* h) {
+  if (!h) return;
+  free(h->pool);
+  free(h->stats);
+  free(h->term_hash);
+  free(h->postings);
+  free(h->values);
+  free(h->value_hash);
+  free(h->value_numbers);
+  free(h->sorted_terms);
+  free(h->postings_per_term);
+  free(h->flat_postings);
+  free(h->rterms);
+  free(h->term_lengths);
+  free(h->rpool);
+  free(h);
+}
+
+static inline bool term_equal(const char* stored, const char* term, size_t len) {
+  if (len >= ST_MAX_TERM_LEN) return strncmp(stored, term, ST_MAX_TERM_LEN) == 0;
+  return strcmp(stored, term) == 0;
+}
+
+// Slot of the term: its own, or the empty one where it would go.
+static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len, uint32_t key) {
+  const uint32_t size = 2 * h->max_terms;
+  st_hot_term_slot* s = &h->term_hash[key % size];
+  if (!s->text || term_equal(s->text, term, len)) return s;
+  uint32_t step = 2347;
+  for (size_t i = 0; i < len; ++i) step = step * 64 + (uint32_t)(int32_t)(signed char)term[i] + (step << 16) - step;
+  if (!(step & 1)) step += 1;
+  // The table is at most half full, so an odd step finds a free slot; after a
+  // full round without one (a step sharing a factor with the size) fall back
+  // to single steps.
+  for (uint32_t probes = 0;; ++probes) {
+    key += probes < size ? step : 1;
+    s = &h->term_hash[key % size];
+    if (!s->text || term_equal(s->text, term, len)) return s;
+  }
+}
+
+static st_tsval** find_value(st_hot_slice* h, int32_t time, uint32_t address) {
+  const uint32_t size = 2 * h->max_values;
+  uint32_t key = address;
+  st_tsval** s = &h->value_hash[key % size];
+  if (!*s || (*s)->address == address) return s;
+  uint32_t step = (uint32_t)time * address;
+  if (!(step & 1)) step += 1;
+  for (uint32_t probes = 0;; ++probes) {
+    key += probes < size ? step : 1;
+    s = &h->value_hash[key % size];
+    if (!*s || (*s)->address == address) return s;
+  }
+}
+
+int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t address, uint32_t type,
+                     uint32_t source, uint32_t source_type, uint32_t host) {
+  assert(h && term);
+  assert(!h->prepared);
+  // Length (capped) and first hash in one pass over the term.
+  size_t len = 0;
+  uint32_t key = 5381;
+  while (len < ST_MAX_TERM_LEN && term[len]) key = key * 33 + (uint32_t)(int32_t)(signed char)term[len++];
+  if (len == 0) {
+    // Probe: is any table past half full?
+    if (h->terms_used > h->max_terms / 2) return -1;
+    if (h->values_used > h->max_values / 2) return -2;
+    if (h->postings_used > h->max_postings / 2) return -3;
+    if (h->pool_used > h->pool_size / 2) return -4;
+    return 0;
+  }
+  if (h->terms_used >= h->max_terms) return -1;
+  if (h->values_used >= h->max_values) return -2;
+  if (h->postings_used >= h->max_postings) return -3;
+  if (h->pool_used + len >= h->pool_size) return -4;
+
+  st_hot_term_slot* slot = find_term(h, term, len, key);
+  if (slot->text) {
+    if (slot->head && slot->head->value->address == address) return 0;
+    st_hot_term_stats* st = &h->stats[slot->term_no];
+    st->count++;
+    if (time < st->earliest) st->earliest = time;
+    if (time > st->latest) st->latest = time;
+  } else {
+    char* text = h->pool + h->pool_used;
+    memcpy(text, term, len);
+    text[len] = 0;
+    h->pool_used += len + 1;
+    st_hot_term_stats* st = &h->stats[h->terms_used];
+    st->count = 1;
+    st->earliest = st->latest = time;
+    slot->text = text;
+    slot->head = NULL;
+    slot->term_no = h->terms_used++;
+  }
+
+  st_tsval** vs = find_value(h, time, address);
+  if (!*vs) {
+    st_tsval* v = &h->values[h->values_used++];
+    v->time = time;
+    v->address = address;
+    v->type = type;
+    v->source = source;
+    v->source_type = source_type;
+    v->host = host;
+    *vs = v;
+  }
+  st_hot_posting* node = &h->postings[h->postings_used++];
+  node->value = *vs;
+  node->next = slot->head;
+  slot->head = node;
+  return 0;
+}
+
+void st_hot_slice_reset(st_hot_slice* h) {
+  memset(h->term_hash, 0, 2 * (size_t)h->max_terms * sizeof(st_hot_term_slot));
+  memset(h->postings, 0, (size_t)h->postings_used * sizeof(st_hot_posting));
+  memset(h->value_hash, 0, 2 * (size_t)h->max_values * sizeof(st_tsval*));
+  h->pool_used = 0;
+  h->terms_used = 0;
+  h->postings_used = 0;
+  h->values_used = 0;
+  h->prepared = 0;
+}
+
+static int list_head_compare(const void* a, const void* b) {
+  return strcmp(((const st_hot_term_slot*)a)->text, ((const st_hot_term_slot*)b)->text);
+}
+
+static int int_compare(const void* a, const void* b) {
+  uint32_t x = *(const uint32_t*)a, y = *(const uint32_t*)b;
+  return x < y ? -1 : x > y;
+}
+
+int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, uint32_t* num_values,
+                         uint32_t* num_terms, uint32_t* num_postings) {
+  if (!h->prepared) {
+    const size_t vsize = 2 * (size_t)h->max_values;
+    size_t nv = 0;
+    for (size_t i = 0; i < vsize; ++i)
+      if (h->value_hash[i]) h->value_hash[nv++] = h->value_hash[i];
+    if (nv == 0) return -1;
+    memset(h->value_hash + nv, 0, (vsize - nv) * sizeof(st_tsval*));
+    st_tsval_ptr_qsort(h->value_hash, nv);
+    for (size_t i = 0; i < nv; ++i) h->value_numbers[h->value_hash[i] - h->values] = (uint32_t)i;
+
+    const size_t tsize = 2 * (size_t)h->max_terms;
+    size_t nt = 0;
+    for (size_t i = 0; i < tsize; ++i)
+      if (h->term_hash[i].text) h->term_hash[nt++] = h->term_hash[i];
+    memset(h->term_hash + nt, 0, (tsize - nt) * sizeof(st_hot_term_slot));
+    qsort(h->term_hash, nt, sizeof(st_hot_term_slot), list_head_compare);
+
+    uint32_t pos = 0, last_before = 0;
+    for (size_t t = 0; t < nt; ++t) {
+      h->sorted_terms[t] = h->term_hash[t].text;
+      uint32_t* run = h->flat_postings + pos;
+      uint32_t n = 0;
+      for (st_hot_posting* p = h->term_hash[t].head; p; p = p->next) run[n++] = h->value_numbers[p->value - h->values];
+      qsort(run, n, sizeof(uint32_t), int_compare);
+      last_before = n;
+      uint32_t u = n ? 1 : 0;
+      for (uint32_t i = 1; i < n; ++i)
+        if (run[i] != run[u - 1]) run[u++] = run[i];
+      h->postings_per_term[t] = u;
+      pos += u;
+    }
+    h->prep_latest = h->value_hash[0]->time;
+    h->prep_earliest = h->value_hash[nv - 1]->time;
+    h->prep_values = (uint32_t)nv;
+    h->prep_terms = (uint32_t)nt;
+    // The last term is counted before its duplicates were removed.
+    h->prep_postings = nt ? pos - h->postings_per_term[nt - 1] + last_before : pos;
+    h->prepared = 1;
+  }
+  if (latest) *latest = h->prep_latest;
+  if (earliest) *earliest = h->prep_earliest;
+  if (num_values) *num_values = h->prep_values;
+  if (num_terms) *num_terms = h->prep_terms;
+  if (num_postings) *num_postings = h->prep_postings;
+  return 0;
+}
+
+uint64_t st_hot_slice_size_est(uint64_t pool_used, uint64_t terms, uint64_t postings, uint64_t values) {
+  const uint64_t T = terms, P = postings, V = values, L = pool_used;
+  return 48 * T + 12 * T + 16 * P + 24 * V + 16 * V + 4 * V + 8 * T + 4 * T + 4 * P + 16 * T + 8 * T + T + 2 * L;
+}
+
+uint64_t st_hot_slice_size(const st_hot_slice* h) {
+  return st_hot_slice_size_est(h->pool_size, h->max_terms, h->max_postings, h->max_values) + 240;
+}
+
+uint32_t st_hot_slice_values(const st_hot_slice* h) { return h->values_used; }
+
+uint32_t st_hot_slice_get_term_index(const st_hot_slice* h, uint32_t slot) {
+  assert(h->prepared);
+  return h->term_hash[slot].term_no;
+}
+
+static uint32_t largest(const st_hot_slice* h, size_t field) {
+  uint32_t m = 0;
+  for (uint32_t i = 0; i < h->values_used; ++i) {
+    uint32_t v;
+    memcpy(&v, (const char*)&h->values[i] + field, sizeof v);
+    if (v > m) m = v;
+  }
+  return m;
+}
+
+uint32_t get_largest_event_type(const st_hot_slice* h) { return largest(h, offsetof(st_tsval, type)); }
+uint32_t get_largest_source(const st_hot_slice* h) { return largest(h, offsetof(st_tsval, source)); }
+uint32_t get_largest_source_type(const st_hot_slice* h) { return largest(h, offsetof(st_tsval, source_type)); }
+uint32_t get_largest_host(const st_hot_slice* h) { return largest(h, offsetof(st_tsval, host)); }

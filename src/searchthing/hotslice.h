@@ -1,0 +1,93 @@
+// Hot slice: the in-memory accumulator of postings (term, value) of one index.
+//
+// Every table is allocated once by st_hot_slice_create at a fixed capacity; a
+// put allocates nothing and does no I/O. Open state accepts puts; prepare
+// sorts the tables for the slice writer and puts are then refused until a
+// reset. Owned by the index handle that created it; not thread-safe.
+#ifndef VELMOR_SEARCHTHING_HOTSLICE_H
+#define VELMOR_SEARCHTHING_HOTSLICE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "searchthing/st_types.h"
+
+// Per distinct term, in order of first sight.
+typedef struct st_hot_term_stats {
+  uint32_t count;
+  int32_t earliest;
+  int32_t latest;
+} st_hot_term_stats;
+
+typedef struct st_hot_posting {
+  st_tsval* value;
+  struct st_hot_posting* next;
+} st_hot_posting;
+
+// Slot of the term hash; prepare compacts and sorts these.
+typedef struct st_hot_term_slot {
+  const char* text;
+  st_hot_posting* head;
+  uint32_t term_no;  // row in term statistics
+} st_hot_term_slot;
+
+// Working row of the slice writer: reversed text and its forward term number.
+typedef struct st_hot_rterm {
+  const char* text;
+  uint32_t fwd;
+} st_hot_rterm;
+
+typedef struct st_hot_slice {
+  char* pool;
+  uint64_t pool_size, pool_used;
+  st_hot_term_stats* stats;
+  uint32_t max_terms, terms_used;
+  st_hot_term_slot* term_hash;  // 2 * max_terms slots
+  st_hot_posting* postings;
+  uint32_t max_postings, postings_used;
+  st_tsval* values;
+  uint32_t max_values, values_used;
+  st_tsval** value_hash;        // 2 * max_values slots
+  uint32_t* value_numbers;      // row of values -> place in sorted order
+  const char** sorted_terms;
+  uint32_t* postings_per_term;
+  uint32_t* flat_postings;
+  st_hot_rterm* rterms;
+  uint64_t* term_lengths;
+  char* rpool;                  // pool_size + max_terms bytes
+  int prepared;
+  int32_t prep_latest, prep_earliest;
+  uint32_t prep_values, prep_terms, prep_postings;
+} st_hot_slice;
+
+// Null if any table can't be allocated. REQUIRES: max_terms > 256 and even.
+st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32_t max_postings,
+                                  uint32_t max_values);
+void st_hot_slice_close(st_hot_slice* h);
+// 0 done (or folded duplicate); -1 terms full; -2 values full; -3 postings
+// full; -4 pool full. A refused put changes nothing. An empty term is a
+// probe: it adds nothing and fails when any table is above half full.
+// REQUIRES: not prepared; h and term non-null.
+int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t address, uint32_t type,
+                     uint32_t source, uint32_t source_type, uint32_t host);
+void st_hot_slice_reset(st_hot_slice* h);
+// Sorts for writing: values by time and address descending (value number 0 is
+// the newest), terms by strcmp, each term's value numbers ascending without
+// duplicates in flat_postings. 0, or -1 when there are no values. A second
+// call returns the saved results.
+int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, uint32_t* num_values,
+                         uint32_t* num_terms, uint32_t* num_postings);
+// Bytes of all tables at capacity, plus 240 for the handle.
+uint64_t st_hot_slice_size(const st_hot_slice* h);
+// Bytes that tables of exactly this content need.
+uint64_t st_hot_slice_size_est(uint64_t pool_used, uint64_t terms, uint64_t postings, uint64_t values);
+uint32_t st_hot_slice_values(const st_hot_slice* h);
+// Term number (row of statistics) of the term in sorted place `slot`.
+// REQUIRES: prepared.
+uint32_t st_hot_slice_get_term_index(const st_hot_slice* h, uint32_t slot);
+uint32_t get_largest_event_type(const st_hot_slice* h);
+uint32_t get_largest_source(const st_hot_slice* h);
+uint32_t get_largest_source_type(const st_hot_slice* h);
+uint32_t get_largest_host(const st_hot_slice* h);
+
+#endif

@@ -1,0 +1,192 @@
+// velmor-search: runs one search from the command line and prints the field
+// "_xml" of every result row.
+//
+//   velmor-search                      usage, exit 1
+//   velmor-search '<search>'           internal commands allowed, random qid
+//   velmor-search '<search>' nointernal  internal refused, qid "nointernal"
+//   velmor-search file <path>          every line of <path> is a search
+//   velmor-search test cat             random searches until a crash
+//   velmor-search '<search>' <qid>     internal allowed, the given qid
+// Mode words ignore case; "nointernal" is tested before "file".
+//
+// DESIGN: two threads live for the whole run: the main thread, which does
+// all search work, and the EventLoopThread that serves the process runner
+// (external commands). Start-up builds, in order: SIGPIPE ignored, the XML
+// guard, round-to-nearest, LoaderInfo and logging, the main Thread object,
+// the event loop thread, the process runner, the event loop's start, the
+// index side; shutdown undoes them in reverse, also when a start-up step
+// throws. A failed search is reported as text on standard output and exit
+// status 0: callers read the output.
+#include <fenv.h>
+#include <signal.h>
+#include <stdio.h>
+#include <strings.h>
+
+#include <memory>
+
+#include "loaderinfo/LoaderInfo.h"
+#include "search/SL.h"
+#include "search/SearchCancel.h"
+#include "search/SearchParser.h"
+#include "search/SearchProcessor.h"
+#include "search/SearchResults.h"
+#include "search/SearchResultsInfo.h"
+#include "search/processors/SearchCommands.h"
+#include "search/processors/ToolCommands.h"
+#include "tools/velmor-search/MIndexSide.h"
+#include "util/EventLoopThread.h"
+#include "util/Pathname.h"
+#include "util/PortableRand.h"
+#include "util/ProcessRunner.h"
+#include "util/ScopedFileStar.h"
+#include "util/MainThread.h"
+#include "util/Thread.h"
+#include "util/xml/XmlInit.h"
+#include "util/xml/XmlNode.h"
+
+namespace {
+
+// The Thread object of the main thread, so that code asking for the current
+// thread finds one.
+class MThread : public MainThread {};
+
+Str randomId(const char* prefix) { return Str(prefix) + ToString(static_cast<unsigned long>(portable_rand())); }
+
+void runAndDrop(const Str& search, const char* cancelId, const char* qidPrefix) {
+  SearchResultsInfo info;
+  info.cancelId = cancelId;
+  info.queryId = randomId(qidPrefix);
+  SearchCancel::instance()->start(cancelId);
+  SearchResults results;
+  std::unique_ptr<SearchProcessor> p(SearchParser::parse(search, false));
+  p->execute(results, info);
+  p.reset();
+  SearchCancel::instance()->cont(cancelId);
+}
+
+void doQueries(const Pathname& path) {
+  ScopedFileStar f(fopen(path.c_str(), "r"));
+  if (!f.get()) {
+    fprintf(stderr, "Unable to open %s.\n", path.c_str());
+    return;
+  }
+  Str line;
+  long count = 0;
+  while (f.readline(line)) {
+    ++count;
+    printf("query%ld\t %s\n", count, line.c_str());
+    fflush(stdout);
+    try {
+      runAndDrop(line, "cattest", "cattest_");
+    } catch (const SearchProcessorException&) {
+    } catch (...) {
+      fprintf(stderr, "Query... %s\n", line.c_str());
+      fprintf(stderr, "FAILED: unknown exception\n");
+    }
+  }
+}
+
+void doCatTyping() {
+  Str text;
+  for (;;) {
+    text.clear();
+    unsigned n = portable_rand() % 100 + 4;
+    for (unsigned i = 0; i < n; ++i) {
+      char c = static_cast<char>(portable_rand() % 96 + 32);
+      if (c == '<' || c == '>' || c == '=' || c == '*' || c == '"' || c == '[' || c == ']') c = ' ';
+      text += c;
+    }
+    printf("query =\"%s\"\n", text.c_str());
+    fflush(stdout);
+    try {
+      runAndDrop("search " + text, "searchtest", "searchtest_");
+    } catch (const SearchProcessorException&) {
+    } catch (...) {
+      fprintf(stderr, "Query... %s\n", text.c_str());
+      fprintf(stderr, "FAILED: unknown exception\n");
+      return;
+    }
+  }
+}
+
+void printXml(const SearchResults& results) {
+  sr_index_t k = results.keyIndex(SL::XML);
+  if (k == SearchResults::nkeyindex) return;
+  for (const SearchResult* r : results) {
+    const Str* v = r->getValuePtr(k);
+    if (v) printf("%s", v->c_str());
+  }
+}
+
+void plainSearch(const char* search, Str queryId, bool internal, SearchResults& results) {
+  SearchProcessor* p = nullptr;
+  try {
+    auto info = std::make_unique<SearchResultsInfo>();
+    info->cancelId = "searchtest";
+    if (queryId.empty()) queryId = randomId("searchtest_");
+    info->queryId = queryId;
+    SearchCancel::instance()->start("searchtest");
+    p = SearchParser::parse(Str(search), internal);
+    p->execute(results, *info);
+    if (!SearchCancel::instance()->cont(info->cancelId)) puts("search cancelled");
+    info.reset();
+    delete p;
+    p = nullptr;
+  } catch (const SearchProcessorException& e) {
+    printf("search processor exception: %s\n", e.what());
+    delete p;
+  }
+  printXml(results);
+}
+
+// Everything between start-up and shutdown of the runtime.
+void runModes(int argc, char** argv) {
+  std::unique_ptr<MIndexSide> index(new NoIndexSide());
+  xml::node config, extra;
+  SearchCommands::registerAll();
+  ToolCommands::registerAll();
+  index->init(config, extra, false, true);
+  SearchResults results;
+  const char* second = argc > 2 ? argv[2] : nullptr;
+  if (!second) {
+    plainSearch(argv[1], Str(), true, results);
+  } else if (strcasecmp(second, "nointernal") == 0) {
+    plainSearch(argv[1], Str(second), false, results);
+  } else if (strcasecmp(argv[1], "file") == 0) {
+    doQueries(Pathname(Str(second)));
+  } else if (strcasecmp(argv[1], "test") == 0 && strcasecmp(second, "cat") == 0) {
+    doCatTyping();
+  } else {
+    plainSearch(argv[1], Str(second), true, results);
+  }
+  fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    fprintf(stderr, "usage: %s 'search'\n", argv[0]);
+    return 1;
+  }
+  signal(SIGPIPE, SIG_IGN);
+  xml::init xmlGuard;
+  fesetround(FE_TONEAREST);
+  LoaderInfo::common_main_setup(false);
+  MThread mainThread;
+  {
+    EventLoopThread loop;
+    ProcessRunnerInit(&loop, Pathname());
+    struct RunnerGuard {
+      EventLoopThread& loop;
+      ~RunnerGuard() {
+        loop.stop();
+        ProcessRunnerFini(&loop);
+      }
+    } runnerGuard{loop};
+    loop.start();
+    runModes(argc, argv);
+  }
+  Thread::mainThreadDying();
+  return 0;
+}

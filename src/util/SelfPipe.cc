@@ -1,0 +1,54 @@
+#include "util/SelfPipe.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "util/Exceptions.h"
+
+SelfPipe::SelfPipe() {
+  int fds[2];
+  if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) throw SelfPipeException("can't create selfpipe");
+  _r = fds[0];
+  _w = fds[1];
+}
+
+SelfPipe::~SelfPipe() {
+  ::close(_r);
+  ::close(_w);
+}
+
+void SelfPipe::trigger() {
+  char c = 0;
+  ssize_t n;
+  do {
+    n = ::write(_w, &c, 1);
+  } while (n < 0 && errno == EINTR);
+  if (n == 1) return;
+  if (n < 0 && errno == EAGAIN) return;  // the reader will be woken anyway
+  if (n < 0) throw SelfPipeException("error from selfpipe write: %s", strerror(errno));
+  throw SelfPipeException("invalid return from selfpipe write");
+}
+
+bool SelfPipe::when_events(PollableDescriptor fd) {
+  char buf[64];
+  bool any = false;
+  for (;;) {
+    ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n > 0) {
+      any = true;
+      continue;
+    }
+    if (n == 0) {
+      if (!any) return true;  // writer gone: finished
+      break;
+    }
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN) break;
+    throw SelfPipeException("error from selfpipe read: %s", strerror(errno));
+  }
+  when_triggered();
+  return false;
+}

@@ -1,0 +1,146 @@
+#include "pipeline/indexer/TimeInvertedIndex.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "libbundle/PropertiesMap.h"
+#include "util/Exceptions.h"
+
+namespace {
+
+class TimeInvertedIndexTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tii_test.XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = Pathname(tmpl);
+    PropertiesMap m;
+    m.put("MAJOR", "\\s [ ] ,");
+    m.put("MINOR", ". = :");
+    cleaner = std::make_unique<GenericCleaner>(m);
+  }
+  void TearDown() override { dir.removeRecursive(); }
+
+  void put(TimeInvertedIndex& idx, int32_t t, uint32_t addr, const char* host, const char* raw) {
+    IndexableValue v(cleaner.get(), nullptr);
+    v.setTime(t);
+    v.setAddress(addr);
+    uint32_t hostCode = uint32_t(idx.hosts().addWord(host, t));
+    v.setCodes(hostCode, 0, 0);
+    Str meta = Str("host::") + host;
+    IndexableEvent ev;
+    ev.meta = StrSegment(meta);
+    ev.raw = raw;
+    ASSERT_TRUE(idx.index(v, ev));
+  }
+
+  std::vector<uint32_t> addresses(TimeInvertedIndex& idx, std::vector<Str> a, std::vector<Str> o,
+                                  std::vector<Str> n, int32_t lo = 0, int32_t hi = 2000000000) {
+    std::vector<st_tsval> out;
+    EXPECT_TRUE(idx.getValues(a, o, n, lo, hi, 100, 1000, out));
+    std::vector<uint32_t> addrs;
+    for (auto& v : out) addrs.push_back(v.address);
+    return addrs;
+  }
+
+  Pathname dir;
+  std::unique_ptr<GenericCleaner> cleaner;
+};
+
+TEST_F(TimeInvertedIndexTest, IndexQueryReopen) {
+  {
+    TimeInvertedIndex idx(dir, TimeInvertedIndex::Options());
+    std::vector<st_tsval> out;
+    EXPECT_FALSE(idx.index(*std::make_unique<IndexableValue>(cleaner.get(), nullptr), IndexableEvent()));
+    idx.create(false);
+    idx.create(false);  // logged, harmless
+    put(idx, 100, 10, "web", "GET /a status=200");
+    put(idx, 200, 20, "db", "slow query status=500");
+    put(idx, 300, 30, "web", "GET /b status=500");
+    EXPECT_EQ(addresses(idx, {"status=500"}, {}, {}), (std::vector<uint32_t>{30, 20}));
+    EXPECT_EQ(addresses(idx, {"+get"}, {}, {"500"}), (std::vector<uint32_t>{10}));
+    EXPECT_EQ(addresses(idx, {}, {"slow", "/b"}, {}), (std::vector<uint32_t>{30, 20}));
+    EXPECT_EQ(addresses(idx, {"", "host::web"}, {}, {}), (std::vector<uint32_t>{30, 10}));
+    EXPECT_EQ(addresses(idx, {}, {}, {}), (std::vector<uint32_t>{30, 20, 10}));
+    EXPECT_EQ(addresses(idx, {}, {}, {}, 150, 250), (std::vector<uint32_t>{20}));
+    EXPECT_EQ(addresses(idx, {"linecount::1", "meta::all"}, {}, {}).size(), 3u);
+    idx.close();
+    idx.close();  // logged once, nothing else
+    EXPECT_FALSE(idx.isOpen());
+  }
+  TimeInvertedIndex again(dir, TimeInvertedIndex::Options());
+  again.create(false);
+  EXPECT_EQ(again.hosts().getCodeForWord("db"), 1);
+  EXPECT_EQ(again.hosts().getTotalCount(), 3u);
+  EXPECT_EQ(addresses(again, {"query"}, {}, {}), (std::vector<uint32_t>{20}));
+  again.close();
+
+  TimeInvertedIndex forced(dir, TimeInvertedIndex::Options());
+  forced.create(true);
+  EXPECT_EQ(forced.hosts().size(), 0u);
+}
+
+TEST_F(TimeInvertedIndexTest, ExportImportValues) {
+  Pathname dump = dir / "__2.1tsval.out__";
+  {
+    TimeInvertedIndex idx(dir, TimeInvertedIndex::Options());
+    idx.create(false);
+    put(idx, 100, 10, "web", "a");
+    put(idx, 200, 20, "db", "b");
+    ASSERT_TRUE(idx.exportTsvals(dump, 0));
+  }
+  std::vector<st_tsval> vals;
+  ASSERT_TRUE(TimeInvertedIndex::importTsvals(dump, vals));
+  ASSERT_EQ(vals.size(), 2u);
+  EXPECT_EQ(vals[0].time, 200);
+  EXPECT_EQ(vals[0].address, 20u);
+  EXPECT_EQ(vals[0].host, 1u);
+  EXPECT_EQ(vals[1].address, 10u);
+
+  std::string bytes;
+  {
+    std::ifstream in(dump.c_str(), std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  ASSERT_EQ(bytes.size(), 16u + 2 * sizeof(st_tsval));
+  for (std::string bad : {bytes.substr(0, bytes.size() - 1), bytes.substr(0, 12), std::string("TSVALS02") + bytes.substr(8)}) {
+    std::ofstream((dir / "bad").c_str(), std::ios::binary) << bad;
+    EXPECT_FALSE(TimeInvertedIndex::importTsvals(dir / "bad", vals));
+    EXPECT_TRUE(vals.empty());
+  }
+  EXPECT_FALSE(TimeInvertedIndex::importTsvals(dir / "missing", vals));
+}
+
+TEST_F(TimeInvertedIndexTest, SyncFollowsTheCallersClock) {
+  TimeInvertedIndex::Options o;
+  o.syncPeriod = 30;
+  TimeInvertedIndex idx(dir, o);
+  EXPECT_FALSE(idx.doSyncIfNeeded(0));  // closed
+  idx.create(false);
+  EXPECT_TRUE(idx.doSyncIfNeeded(1000));
+  EXPECT_FALSE(idx.doSyncIfNeeded(1029));
+  EXPECT_TRUE(idx.doSyncIfNeeded(1030));
+  EXPECT_FALSE(idx.doSyncIfNeeded(1031));
+}
+
+TEST_F(TimeInvertedIndexTest, OpenFailureThrows) {
+  TimeInvertedIndex idx(dir / "no" / "such", TimeInvertedIndex::Options());
+  EXPECT_THROW(idx.create(false), DbException);
+}
+
+TEST_F(TimeInvertedIndexTest, UncompressDirGunzipsSlices) {
+  { std::ofstream((dir / "1-2-3.tsidx").c_str()) << "slice bytes"; }
+  { std::ofstream((dir / "other.gz").c_str()) << "left alone"; }
+  ASSERT_EQ(std::system(("gzip " + (dir / "1-2-3.tsidx")).c_str()), 0);
+  EXPECT_TRUE(TimeInvertedIndex::uncompressDir(dir));
+  EXPECT_TRUE((dir / "1-2-3.tsidx").exists());
+  EXPECT_FALSE((dir / "1-2-3.tsidx.gz").exists());
+  EXPECT_TRUE((dir / "other.gz").exists());
+  { std::ofstream((dir / "bad.tsidx.gz").c_str()) << "not gzip"; }
+  EXPECT_FALSE(TimeInvertedIndex::uncompressDir(dir));
+}
+
+}  // namespace
