@@ -75,7 +75,39 @@ summarise() {
   echo "   export VELMOR_DB=$VELMOR_DB"
 }
 
+# The merged view of one property file, as every component reads it.
+show_config() {
+  echo "== Layered configuration: limits, stanza [search] (local > other bundles > default > learned)"
+  "$BUILD/bin/velmor-conf" --layers limits search | sed 's/^/   /'
+}
+
+# Indexes the words of one sample log into a fresh index directory with the
+# engine's shell tool, then counts a few words both through the index and
+# with grep, which must agree.
+index_sample() {
+  local log dir terms
+  log=$(awk -F'\t' '$4 == "auth_log" { print $1; exit }' "$MANIFEST")
+  case "$log" in /*) ;; *) log="$SAMPLES_DIR/$log" ;; esac
+  dir="$VELMOR_DB/demo-engine"
+  rm -rf "$dir"
+  mkdir -p "$dir"
+  echo "== Indexing $(basename "$(dirname "$log")")/$(basename "$log") with velmor-tsidx"
+  local start end
+  start=$(date +%s.%N)
+  awk 'BEGIN { t = 1763251200 }
+       { line = tolower($0); gsub(/[^a-z0-9_]+/, " ", line);
+         printf "%d %d %s\n", t + NR, NR, line }' "$log" | "$BUILD/bin/velmor-tsidx" put-file "$dir" -
+  end=$(date +%s.%N)
+  printf '   %s lines indexed in %.2f s into %s\n' "$(wc -l < "$log")" "$(awk -v a="$start" -v b="$end" 'BEGIN { print b - a }')" "$dir"
+  for w in failed accepted invalid sudo; do
+    printf '   %-9s index: %6s   grep -ciw: %6s\n' "$w" \
+      "$("$BUILD/bin/velmor-tsidx" query "$dir" --count "$w")" "$(grep -ciw -- "$w" "$log" || true)"
+  done
+}
+
 find_tools
 layout_home
 generate_samples
 summarise
+show_config
+index_sample
