@@ -35,6 +35,19 @@ class StopWhen : public PeriodicTimeout {
   int _n;
 };
 
+// Starts threads from inside the running loop, so that they cannot finish
+// before the loop is there to reap them.
+class StartThreads : public OneShotTimeout {
+ public:
+  explicit StartThreads(int n) : _n(n) {}
+  void when_expired() override {
+    for (int i = 0; i < _n; ++i) (new SelfReaping())->go();
+  }
+
+ private:
+  int _n;
+};
+
 TEST(EventLoopMainThread, ReapsOnTheLoopAndOffIt) {
   auto* m = new EventLoopMainThread();
   // Not running: kept on the list.
@@ -46,8 +59,9 @@ TEST(EventLoopMainThread, ReapsOnTheLoopAndOffIt) {
   }
   EXPECT_EQ(gDeleted.load(), 1);
 
-  for (int i = 0; i < 10; ++i) (new SelfReaping())->go();
+  StartThreads start(10);
   StopWhen stop(&m->eventLoop(), 11);
+  m->eventLoop().add(&start, 0);
   m->eventLoop().add(&stop, 10);
   EXPECT_EQ(m->eventLoop().run(), 0);
   m->eventLoop().remove(&stop);

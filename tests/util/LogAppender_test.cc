@@ -16,48 +16,15 @@
 #include <vector>
 
 #include "util/Logger.h"
+#include "StderrCapture.h"
 
 namespace {
 
 time_t gNow = 1000;
 time_t testClock() { return gNow; }
 
-std::string readAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// Redirects fd 2 into a file while alive; text() gives what was written.
-class StderrCapture {
- public:
-  explicit StderrCapture(const std::string& path) : _path(path) {
-    fflush(stderr);
-    _saved = dup(2);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { restore(); }
-  std::string text() {
-    restore();
-    return readAll(_path);
-  }
-
- private:
-  void restore() {
-    if (_saved < 0) return;
-    fflush(stderr);
-    dup2(_saved, 2);
-    close(_saved);
-    _saved = -1;
-  }
-  std::string _path;
-  int _saved = -1;
-};
 
 class LogAppenderTest : public ::testing::Test {
  protected:

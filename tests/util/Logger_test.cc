@@ -2,6 +2,7 @@
 // process, so the tests below run in file order and the later ones skip
 // when run alone out of order.
 #include "util/Logger.h"
+#include "StderrCapture.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,39 +22,6 @@ namespace {
 // Built before initialize(), like every static logger.
 Logger gEarly("early");
 
-std::string readAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-class StderrCapture {
- public:
-  explicit StderrCapture(const std::string& path) : _path(path) {
-    fflush(stderr);
-    _saved = dup(2);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { restore(); }
-  std::string text() {
-    restore();
-    return readAll(_path);
-  }
-
- private:
-  void restore() {
-    if (_saved < 0) return;
-    fflush(stderr);
-    dup2(_saved, 2);
-    close(_saved);
-    _saved = -1;
-  }
-  std::string _path;
-  int _saved = -1;
-};
 
 class LoggerTest : public ::testing::Test {
  protected:
