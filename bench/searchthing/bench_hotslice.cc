@@ -1,47 +1,17 @@
 // Postings per second into the hot slice, with terms cut from the sample
 // logs (runs of letters and digits), one address per line.
 #include <benchmark/benchmark.h>
-#include <ctype.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "LoghubTokens.h"
 #include "searchthing/hotslice.h"
 
 namespace {
 
-struct Tok {
-  std::string term;
-  uint32_t line;
-};
-
-const std::vector<Tok>& tokens() {
-  static std::vector<Tok> toks = [] {
-    std::vector<Tok> out;
-    const char* systems[] = {"Apache", "HDFS", "Linux", "OpenSSH", "Spark", "Thunderbird", "Windows", "Zookeeper"};
-    uint32_t line_no = 0;
-    for (const char* s : systems) {
-      std::ifstream in(std::string(VELMOR_SOURCE_DIR) + "/../shared/data/loghub/" + s + "/" + s + "_2k.log");
-      std::string line;
-      while (std::getline(in, line)) {
-        ++line_no;
-        std::string cur;
-        for (char c : line) {
-          if (isalnum((unsigned char)c)) {
-            cur += c;
-          } else if (!cur.empty()) {
-            out.push_back({cur, line_no});
-            cur.clear();
-          }
-        }
-        if (!cur.empty()) out.push_back({cur, line_no});
-      }
-    }
-    return out;
-  }();
-  return toks;
-}
+using bench::Tok;
+const std::vector<Tok>& tokens() { return bench::loghubTokens(); }
 
 void BM_HotSlicePut(benchmark::State& state) {
   const std::vector<Tok>& toks = tokens();

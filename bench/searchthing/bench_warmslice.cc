@@ -2,51 +2,21 @@
 // slice file), index bytes per posting, and the latency of a query for a
 // rare term on one slice (with the handle held, and with open and close).
 #include <benchmark/benchmark.h>
-#include <ctype.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "LoghubTokens.h"
 #include "searchthing/warmslice.h"
 
 namespace {
 
-struct Tok {
-  std::string term;
-  uint32_t line;
-};
-
-const std::vector<Tok>& tokens() {
-  static std::vector<Tok> toks = [] {
-    std::vector<Tok> out;
-    const char* systems[] = {"Apache", "HDFS", "Linux", "OpenSSH", "Spark", "Thunderbird", "Windows", "Zookeeper"};
-    uint32_t line_no = 0;
-    for (const char* s : systems) {
-      std::ifstream in(std::string(VELMOR_SOURCE_DIR) + "/../shared/data/loghub/" + s + "/" + s + "_2k.log");
-      std::string line;
-      while (std::getline(in, line)) {
-        ++line_no;
-        std::string cur;
-        for (char c : line) {
-          if (isalnum((unsigned char)c)) {
-            cur += c;
-          } else if (!cur.empty()) {
-            out.push_back({cur, line_no});
-            cur.clear();
-          }
-        }
-        if (!cur.empty()) out.push_back({cur, line_no});
-      }
-    }
-    return out;
-  }();
-  return toks;
-}
+using bench::Tok;
+const std::vector<Tok>& tokens() { return bench::loghubTokens(); }
 
 struct Scratch {
   std::string dir;
