@@ -1,8 +1,5 @@
 #include "framework/SplitCompression.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <cassert>
 #include <cerrno>
 #include <cstring>
@@ -11,9 +8,6 @@
 #include "util/Exceptions.h"
 #include "util/ExternalProcessGroup.h"
 #include "util/Logger.h"
-#include "util/ProcessRunner.h"
-
-extern char** environ;
 
 namespace {
 
@@ -201,18 +195,10 @@ void SplitCompression::closeCurrentLocked(bool wait) {
 }
 
 bool SplitCompression::startGzip(const Pathname& file) {
-  if (ProcessRunnerPid() != -1) {
-    ExternalProcessGroup group;
-    _compressionToken = group.start({Str("gzip"), Str("-f"), Str(file)});
-    return _compressionToken.valid();
-  }
-  // No process runner in this process (a tool or a test): spawn directly.
-  std::string a0("gzip"), a1("-f"), a2(file);
-  char* argv[] = {a0.data(), a1.data(), a2.data(), nullptr};
-  pid_t pid;
-  if (posix_spawnp(&pid, "gzip", nullptr, nullptr, argv, environ) != 0) return false;
-  _compressionPid = pid;
-  return true;
+  // Through the process runner when this process has one.
+  ExternalProcessGroup group;
+  _compressionToken = group.startOrSpawn({Str("gzip"), Str("-f"), Str(file)});
+  return !_compressionToken.getStatus(false).isFailedToStart();
 }
 
 void SplitCompression::waitForCompression() {
@@ -222,19 +208,8 @@ void SplitCompression::waitForCompression() {
 
 void SplitCompression::waitForCompressionLocked() {
   if (_compressingBase < 0) return;
-  bool ok;
-  if (_compressionToken.valid()) {
-    ok = _compressionToken.getStatus(true).statusOk();
-    _compressionToken = ExternalProcessToken();
-  } else {
-    int st = 0;
-    pid_t r;
-    do {
-      r = ::waitpid(_compressionPid, &st, 0);
-    } while (r < 0 && errno == EINTR);
-    ok = r == _compressionPid && WIFEXITED(st) && WEXITSTATUS(st) == 0;
-    _compressionPid = -1;
-  }
+  const bool ok = _compressionToken.getStatus(true).statusOk();
+  _compressionToken = ExternalProcessToken();
   const Pathname gz = fileFor(_compressingBase, true);
   if (ok && gz.exists()) {
     _foundFiles[_compressingBase] = gz.toLeaf();

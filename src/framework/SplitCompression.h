@@ -86,8 +86,8 @@ class SplitCompression {
   void openLocked();
   // Closes the current file and compresses it; wait picks sync mode.
   void closeCurrentLocked(bool wait);
-  // Starts "gzip -f file" through the process runner when there is one,
-  // else by posix_spawn. False if it could not start.
+  // Starts "gzip -f file" (through the process runner when there is one).
+  // False if it could not start.
   bool startGzip(const Pathname& file);
   void waitForCompressionLocked();
   Pathname fileFor(int64_t base, bool gz) const;
@@ -100,7 +100,6 @@ class SplitCompression {
   std::map<int64_t, Str> _foundFiles;  // base offset -> file name
   Mutex _mutex;
   ExternalProcessToken _compressionToken;
-  pid_t _compressionPid = -1;  // the gzip started without a runner
   int64_t _compressingBase = -1;
   int64_t _nextBase = -1;  // base of the file to open after a close
 };

@@ -63,7 +63,7 @@ bool EventLoop::isRunning() {
 int EventLoop::run() {
   _exit = false;
   auto* notify = new InThreadActorNotify(this);
-  add(notify, PollableDescriptor(notify->readFd()));
+  notify->add_to(this);
   {
     ScopedLock l(_mutex);
     _notify = notify;
@@ -134,7 +134,7 @@ int EventLoop::run() {
     _actorHead = _actorTail = nullptr;
   }
   drainActors(rest);
-  removeActivePolledFd(notify);
+  notify->remove_from_eventloop(this);
   delete notify;
   runZeroLengthTimeoutsAtExit();
   {

@@ -25,6 +25,17 @@ class ExternalProcessGroup {
  public:
   ExternalProcessToken start(const std::vector<Str>& argv, FileDescriptor in = FileDescriptor(),
                              FileDescriptor out = FileDescriptor(), FileDescriptor err = FileDescriptor());
+  // Runs routine(data, size) in a new child of the runner, which is a fork
+  // of this same image, without exec. targets[i] becomes the child's
+  // descriptor i (invalid: the runner's /dev/null); the child holds no other
+  // descriptor. Its exit status is the routine's result.
+  ExternalProcessToken startRoutine(int (*routine)(const void*, size_t), const void* data, size_t size,
+                                    const std::vector<FileDescriptor>& targets);
+  // start() when the runner exists, else a direct posix_spawnp (for tools
+  // and tests without a runner), with the same environment and /dev/null
+  // for a descriptor not given; the token works the same either way.
+  ExternalProcessToken startOrSpawn(const std::vector<Str>& argv, FileDescriptor in = FileDescriptor(),
+                                    FileDescriptor out = FileDescriptor(), FileDescriptor err = FileDescriptor());
   ExternalProcessToken startViaShell(const Str& command, FileDescriptor in = FileDescriptor(),
                                      FileDescriptor out = FileDescriptor(), FileDescriptor err = FileDescriptor());
   // SIGTERM to every running member, then waits; every warningSecs of

@@ -12,6 +12,11 @@ class ExternalProcessStatus {
   static ExternalProcessStatus failedToStart(int err) { return ExternalProcessStatus(kFailed, err); }
 
   bool isRunning() const { return _kind == kRunning; }
+  bool isFailedToStart() const { return _kind == kFailed; }
+  // The errno of a failed start, or 0.
+  int startErrno() const { return _kind == kFailed ? _value : 0; }
+  // The wait status of an ended process, or -1.
+  int waitStatus() const { return _kind == kEnded ? _value : -1; }
   // Exited with code 0.
   bool statusOk() const;
   // The exit code, or -1 when it did not exit normally.

@@ -10,6 +10,9 @@
 
 #include <cerrno>
 
+#include "util/SSLNetworkConnection.h"
+#include "util/Timeval.h"
+
 bool PollableDescriptor::close() {
   if (_fd < 0) return false;
   int r = ::close(_fd);
@@ -150,3 +153,74 @@ bool PollableDescriptor::writeBlocking(const void* buf, size_t len) const {
 }
 
 BIO* PollableDescriptor::new_bio() const { return BIO_new_socket(_fd, BIO_NOCLOSE); }
+
+// ------------------------------------------------------------ TLS forms
+
+namespace {
+
+// Milliseconds left until deadline; -1 (no limit) when ms was negative.
+int msLeft(const Timeval& deadline, int ms) {
+  if (ms < 0) return -1;
+  const Timeval now = Timeval::now();
+  return deadline <= now ? 0 : static_cast<int>(Timeval::msecDifference(deadline, now));
+}
+
+Timeval deadlineIn(int ms) {
+  Timeval d = Timeval::now();
+  d.addMsec(ms < 0 ? 0 : ms);
+  return d;
+}
+
+// Repeats op (a readSome or writeSome) while OpenSSL waits for the
+// descriptor, waiting in its direction up to the deadline.
+template <typename Op>
+ssize_t retryTls(const PollableDescriptor& fd, SSLNetworkConnection* ssl, int ms, Op op) {
+  const Timeval deadline = deadlineIn(ms);
+  for (;;) {
+    ssize_t n = op();
+    if (n >= 0 || errno != EAGAIN) return n;
+    int r = fd.select_for(ssl->wantsWrite(), msLeft(deadline, ms));
+    if (r <= 0) {
+      if (r == 0) errno = ETIMEDOUT;
+      return -1;
+    }
+  }
+}
+
+}  // namespace
+
+int PollableDescriptor::select_for(SSLNetworkConnection* ssl, bool write, int ms) const {
+  if (!write && ssl->pending()) return 1;
+  return select_for(write, ms);
+}
+
+int PollableDescriptor::select_for_connect(SSLNetworkConnection* ssl, int ms) const {
+  const Timeval deadline = deadlineIn(ms);
+  int e = select_for_connect(ms);
+  if (e != 0) return e;
+  Str error;
+  if (!ssl->handshake(msLeft(deadline, ms), error)) return errno == ETIMEDOUT ? ETIMEDOUT : EPROTO;
+  return 0;
+}
+
+ssize_t PollableDescriptor::readWithTimeout(SSLNetworkConnection* ssl, void* buf, size_t len, int ms) const {
+  return retryTls(*this, ssl, ms, [&] { return ssl->readSome(buf, len); });
+}
+
+ssize_t PollableDescriptor::writeWithTimeout(SSLNetworkConnection* ssl, const void* buf, size_t len, int ms) const {
+  return retryTls(*this, ssl, ms, [&] { return ssl->writeSome(buf, len); });
+}
+
+bool PollableDescriptor::writeBlocking(SSLNetworkConnection* ssl, const void* buf, size_t len) const {
+  const char* p = static_cast<const char*>(buf);
+  while (len > 0) {
+    ssize_t n = writeWithTimeout(ssl, p, len, -1);
+    if (n <= 0) {
+      if (n < 0 && errno == EINTR) continue;
+      return false;
+    }
+    p += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}

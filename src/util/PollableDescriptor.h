@@ -15,6 +15,7 @@
 #include "util/SocketAddress.h"
 
 typedef struct bio_st BIO;
+class SSLNetworkConnection;
 
 class PollableDescriptor {
  public:
@@ -55,6 +56,16 @@ class PollableDescriptor {
   ssize_t writeWithTimeout(const void* buf, size_t len, int ms) const;
   // Writes everything, waiting as needed on a non-blocking descriptor.
   bool writeBlocking(const void* buf, size_t len) const;
+
+  // The same over a TLS session on this descriptor: select_for is 1 at once
+  // when decrypted bytes are waiting; select_for_connect also runs the
+  // client handshake in the time left; the reads and writes wait in the
+  // direction OpenSSL asks for, until ms have passed in all.
+  int select_for(SSLNetworkConnection* ssl, bool write, int ms) const;
+  int select_for_connect(SSLNetworkConnection* ssl, int ms) const;
+  ssize_t readWithTimeout(SSLNetworkConnection* ssl, void* buf, size_t len, int ms) const;
+  ssize_t writeWithTimeout(SSLNetworkConnection* ssl, const void* buf, size_t len, int ms) const;
+  bool writeBlocking(SSLNetworkConnection* ssl, const void* buf, size_t len) const;
 
   // A socket BIO on this descriptor that does not close it.
   BIO* new_bio() const;

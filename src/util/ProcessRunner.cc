@@ -3,13 +3,19 @@
 // DESIGN. Commands go parent -> runner on a stream socket, one letter each:
 //   F  OFFSET SIZE MEANING
 //      0      1    'F'
-//      1      8    operation (1 = exec argv with environment)
-//      9      16   reserved, zero
+//      1      8    operation: 1 exec argv with environment, 2 call a
+//                  routine of this image in the new process
+//      9      8    operation 2: the routine, int (*)(const void*, size_t)
+//      17     8    reserved, zero
 //      25     8    data length D
 //      33     8    descriptor count N
-//      41     D    data: u32 argc, argc NUL-ended strings, u32 envc, strings
+//      41     D    data: operation 1: u32 argc, argc NUL-ended strings,
+//                  u32 envc, strings; operation 2: the routine's argument
 //      41+D   4*N  action per target descriptor 0..N-1: 0 keep, 1 next
 //                  passed descriptor, 2 same as 0, 3 same as 1
+//   A routine pointer is valid in the runner because the runner is a fork
+//   of the same image. The new process of operation 2 keeps only its target
+//   descriptors 0..N-1 and ends with _exit(routine(data, D)).
 //   P  1 byte: the next descriptor arrives on the passing socket
 //   C  1 byte: close and forget the passed descriptors
 //   K  1 + 8 (unique id) + 4 (signal): kill
@@ -17,16 +23,19 @@
 //   O  1 + 8 unique id          E  1 + 4 errno (fork or exec failed)
 //   X  1 + 8 id + 4 wait status Q  1 + 4 count of passed descriptors
 //   A  1 + 4 length + text: last words, the runner is ending
-// Integers are native-endian (both ends are the same image). A message that
-// is not complete waits for more bytes. The parent serialises starts under
-// one mutex, so the O or E after an F answers that F. Replies are read by
-// whichever waiting thread holds the "reader" role (the others wait on a
-// condition), so no event loop is needed for the client side.
+// Integers are native-endian (both ends are the same image). The runner
+// serves the stream on a private EventLoop: a SocketCommandConsumer takes
+// complete messages (one that is not complete waits for more bytes) and a
+// SelfPipe, written by the SIGCHLD handler, wakes the reaping. The parent
+// serialises starts under one mutex, so the O or E after an F answers that
+// F. Replies are read by whichever waiting thread holds the "reader" role
+// (the others wait on a condition), so no event loop is needed for the
+// client side.
 #include "util/ProcessRunner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -36,14 +45,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <map>
 #include <memory>
 
 #include "util/ConditionBaseClass.h"
+#include "util/EventLoop.h"
 #include "util/Exceptions.h"
 #include "util/ExternalProcessGroup.h"
 #include "util/Logger.h"
 #include "util/Mutex.h"
+#include "util/SelfPipe.h"
+#include "util/SocketCommandConsumer.h"
 #include "util/Timeval.h"
 
 extern char** environ;
@@ -52,6 +65,7 @@ static Logger gLogger("ProcessRunner");
 
 struct ChildProcess {
   uint64_t id = 0;
+  pid_t localPid = -1;  // started by startOrSpawn without a runner
   bool done = false;
   ExternalProcessStatus status = ExternalProcessStatus::running();
 };
@@ -86,9 +100,8 @@ bool sendAll(int fd, const void* buf, size_t len) {
 // ------------------------------------------------------------ runner child
 
 struct Runner {
-  int cmd = -1, pass = -1, sigR = -1, sigW = -1;
+  int cmd = -1, pass = -1, sigW = -1;
   std::string pidFile;
-  std::string in;
   std::vector<int> passed;
   uint64_t nextId = 1;
   bool parentGone = false;
@@ -153,12 +166,15 @@ void reap(Runner& r) {
   }
 }
 
-void doFork(Runner& r, const char* data, uint64_t len, const std::vector<uint32_t>& actions) {
+typedef int (*RoutineFn)(const void*, size_t);
+
+void doFork(Runner& r, uint64_t op, RoutineFn routine, const char* data, uint64_t len,
+            const std::vector<uint32_t>& actions) {
   // Parse argv and the environment.
   std::vector<std::string> argv, env;
   const char* p = data;
   const char* end = data + len;
-  for (int part = 0; part < 2; ++part) {
+  for (int part = 0; op == 1 && part < 2; ++part) {
     uint32_t n = get<uint32_t>(p);
     p += 4;
     for (uint32_t i = 0; i < n && p < end; ++i) {
@@ -193,10 +209,18 @@ void doFork(Runner& r, const char* data, uint64_t len, const std::vector<uint32_
     sigemptyset(&none);
     ::signal(SIGCHLD, SIG_DFL);
     ::signal(SIGPIPE, SIG_DFL);
+    ::signal(SIGINT, SIG_DFL);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     ::close(ep[0]);
     for (size_t i = 0; i < target.size(); ++i)
       if (target[i] >= 0) ::dup2(target[i], static_cast<int>(i));  // dup2 clears close-on-exec
+    if (op == 2) {
+      // No exec follows, so close-on-exec protects nothing: keep only the
+      // targets (this also closes the status pipe, which reads as success).
+      gRunner = nullptr;
+      if (::close_range(static_cast<unsigned>(target.size()), ~0u, 0) != 0) _exit(99);
+      _exit(routine != nullptr ? routine(data, static_cast<size_t>(len)) : 99);
+    }
     if (av[0] != nullptr) ::execvpe(av[0], av.data(), ev.data());
     int e = av[0] != nullptr ? errno : EINVAL;
     (void)!::write(ep[1], &e, sizeof e);
@@ -240,9 +264,9 @@ void doFork(Runner& r, const char* data, uint64_t len, const std::vector<uint32_
   reply(r, m);
 }
 
-// Consumes one complete message; 0 when more bytes are needed.
-size_t consume(Runner& r) {
-  const std::string& b = r.in;
+// Consumes one complete message from the front of b; 0 when more bytes
+// are needed.
+size_t consume(Runner& r, const std::string& b) {
   if (b.empty()) return 0;
   switch (b[0]) {
     case 'P': {
@@ -282,7 +306,10 @@ size_t consume(Runner& r) {
       if (b.size() < 41 + len + 4 * n) return 0;
       std::vector<uint32_t> actions(n);
       for (uint64_t i = 0; i < n; ++i) actions[i] = get<uint32_t>(b.data() + 41 + len + 4 * i);
-      doFork(r, b.data() + 41, len, actions);
+      const uint64_t op = get<uint64_t>(b.data() + 1);
+      RoutineFn routine = reinterpret_cast<RoutineFn>(get<uintptr_t>(b.data() + 9));
+      if (op != 1 && op != 2) lastWords(r, "parent/child protocol error: unknown fork operation");
+      doFork(r, op, routine, b.data() + 41, len, actions);
       return 41 + len + 4 * n;
     }
     default: {
@@ -311,6 +338,30 @@ void shutdownChildren(Runner& r) {
   rewritePidFile(r, false);
 }
 
+// The runner's command stream: one message at a time, as complete
+// messages arrive. End of file (the main process closed or died) ends the
+// runner's loop.
+class ProcessRunnerChildCommandHandler : public SocketCommandConsumer {
+ public:
+  ProcessRunnerChildCommandHandler(Runner& r, EventLoop& loop) : _r(r), _loop(loop) {}
+  size_t consumeData(const Str& data) override { return consume(_r, data); }
+  void after_eof() override { _loop.terminate(0); }
+
+ private:
+  Runner& _r;
+  EventLoop& _loop;
+};
+
+// Woken through its pipe by the SIGCHLD handler; reaps every ended child.
+class ProcessRunnerReaper : public SelfPipe {
+ public:
+  explicit ProcessRunnerReaper(Runner& r) : _r(r) {}
+  void when_triggered() override { reap(_r); }
+
+ private:
+  Runner& _r;
+};
+
 [[noreturn]] void runnerMain(int cmd, int pass, const std::string& pidFile) {
   Runner r;
   gRunner = &r;
@@ -327,13 +378,21 @@ void shutdownChildren(Runner& r) {
   if (devnull < 0) _exit(8);  // "cannot open /dev/null"
   for (int i = 0; i < 3; ++i)
     if (::dup2(devnull, i) < 0) _exit(8);  // "cannot dup2 /dev/null to [012]"
-  const int maxFd = get_max_open_files();
-  for (int fd = 3; fd < maxFd; ++fd)
-    if (fd != r.cmd && fd != r.pass) ::close(fd);
-  int sp[2];
-  if (::pipe2(sp, O_NONBLOCK | O_CLOEXEC) != 0) lastWords(r, "can't create selfpipe");
-  r.sigR = sp[0];
-  r.sigW = sp[1];
+  // Everything but the two sockets: the ranges below, between and above.
+  const unsigned lo = static_cast<unsigned>(std::min(r.cmd, r.pass));
+  const unsigned hi = static_cast<unsigned>(std::max(r.cmd, r.pass));
+  if ((lo > 3 && ::close_range(3, lo - 1, 0) != 0) || (hi > lo + 1 && ::close_range(lo + 1, hi - 1, 0) != 0) ||
+      ::close_range(hi + 1, ~0u, 0) != 0)
+    _exit(8);  // "cannot close descriptors"
+  EventLoop loop;
+  ProcessRunnerChildCommandHandler commands(r, loop);
+  std::unique_ptr<ProcessRunnerReaper> reaper;
+  try {
+    reaper = std::make_unique<ProcessRunnerReaper>(r);
+  } catch (const SelfPipeException&) {
+    lastWords(r, "can't create selfpipe");
+  }
+  r.sigW = reaper->triggerFd();
   struct sigaction sa {};
   sa.sa_handler = onSigchld;
   sa.sa_flags = SA_RESTART | SA_NOCLDSTOP;
@@ -345,27 +404,15 @@ void shutdownChildren(Runner& r) {
   ::sigprocmask(SIG_UNBLOCK, &chld, nullptr);
   rewritePidFile(r, true);
 
-  for (;;) {
-    pollfd p[2] = {{r.cmd, POLLIN, 0}, {r.sigR, POLLIN, 0}};
-    if (::poll(p, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      lastWords(r, "error from poll");
-    }
-    if (p[1].revents != 0) {
-      char buf[64];
-      while (::read(r.sigR, buf, sizeof buf) > 0) {
-      }
-      reap(r);
-    }
-    if (p[0].revents != 0) {
-      char buf[4096];
-      ssize_t n = ::recv(r.cmd, buf, sizeof buf, 0);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;  // the parent closed or died
-      r.in.append(buf, static_cast<size_t>(n));
-      for (size_t used; (used = consume(r)) > 0;) r.in.erase(0, used);
-    }
+  loop.add(&commands, PollableDescriptor(r.cmd));
+  reaper->add_to(&loop);
+  try {
+    loop.run();
+  } catch (const std::exception& e) {
+    lastWords(r, e.what());
   }
+  if (commands.isActive()) loop.removeActivePolledFd(&commands);
+  reaper->remove_from_eventloop(&loop);
   shutdownChildren(r);
   _exit(0);
 }
@@ -561,9 +608,11 @@ void ProcessRunnerSetEnvironmentSource(std::vector<Str> (*source)()) {
   gClient.envSource = source;
 }
 
-ExternalProcessToken ExternalProcessGroup::start(const std::vector<Str>& argv, FileDescriptor in,
-                                                 FileDescriptor out, FileDescriptor err) {
-  requireRunner();
+namespace {
+
+// The environment of a new child: the configured source, or this process's
+// environment; "PATH=/usr/bin:/bin" when it has no PATH.
+std::vector<Str> childEnvironment() {
   std::vector<Str> env;
   std::vector<Str> (*source)();
   {
@@ -578,40 +627,37 @@ ExternalProcessToken ExternalProcessGroup::start(const std::vector<Str>& argv, F
   bool havePath = false;
   for (auto& e : env) havePath = havePath || e.compare(0, 5, "PATH=") == 0;
   if (!havePath) env.emplace_back("PATH=/usr/bin:/bin");
+  return env;
+}
 
-  std::string data;
-  put<uint32_t>(data, static_cast<uint32_t>(argv.size()));
-  for (auto& a : argv) data.append(a.c_str(), a.size() + 1);
-  put<uint32_t>(data, static_cast<uint32_t>(env.size()));
-  for (auto& e : env) data.append(e.c_str(), e.size() + 1);
+// The action of each target descriptor (invalid: keep the runner's
+// /dev/null) and the descriptors to pass, in the order they are used.
+void targetActions(const std::vector<FileDescriptor>& targets, std::vector<uint32_t>& actions,
+                   std::vector<int>& toPass) {
+  actions.assign(targets.size(), 0);
+  for (size_t i = 0; i < targets.size(); ++i) {
+    if (!targets[i].isValid()) continue;
+    if (i > 0 && targets[0].isValid() && targets[i].get() == targets[0].get()) {
+      actions[i] = 2;
+    } else if (i > 1 && targets[1].isValid() && targets[i].get() == targets[1].get()) {
+      actions[i] = 3;
+    } else {
+      actions[i] = 1;
+      toPass.push_back(targets[i].get());
+    }
+  }
+}
 
-  std::vector<uint32_t> actions(3, 0);
+// Sends one fork command with its descriptors and waits for the answer.
+// A failed fork or exec gives a token whose status is failedToStart.
+ExternalProcessToken sendFork(uint64_t op, uintptr_t routine, const std::string& data,
+                              const std::vector<FileDescriptor>& targets) {
+  std::vector<uint32_t> actions;
   std::vector<int> toPass;
-  if (in.isValid()) {
-    actions[0] = 1;
-    toPass.push_back(in.get());
-  }
-  if (out.isValid()) {
-    if (in.isValid() && out.get() == in.get()) {
-      actions[1] = 2;
-    } else {
-      actions[1] = 1;
-      toPass.push_back(out.get());
-    }
-  }
-  if (err.isValid()) {
-    if (out.isValid() && err.get() == out.get()) {
-      actions[2] = 3;
-    } else if (in.isValid() && err.get() == in.get()) {
-      actions[2] = 2;
-    } else {
-      actions[2] = 1;
-      toPass.push_back(err.get());
-    }
-  }
+  targetActions(targets, actions, toPass);
   std::string msg("F");
-  put<uint64_t>(msg, 1);
-  put<uint64_t>(msg, 0);
+  put<uint64_t>(msg, op);
+  put<uint64_t>(msg, routine);
   put<uint64_t>(msg, 0);
   put<uint64_t>(msg, data.size());
   put<uint64_t>(msg, actions.size());
@@ -636,9 +682,113 @@ ExternalProcessToken ExternalProcessGroup::start(const std::vector<Str>& argv, F
     c->done = true;
     c->status = ExternalProcessStatus::failedToStart(gClient.answerErr);
   }
+  return ExternalProcessToken(c);
+}
+
+// Tokens of the processes started by ProcessRunnerForkHelper, by token.
+Mutex gHelperMutex;
+std::map<long, ExternalProcessToken> gHelperChildren;
+
+}  // namespace
+
+ExternalProcessToken ExternalProcessGroup::start(const std::vector<Str>& argv, FileDescriptor in,
+                                                 FileDescriptor out, FileDescriptor err) {
+  requireRunner();
+  std::vector<Str> env = childEnvironment();
+  std::string data;
+  put<uint32_t>(data, static_cast<uint32_t>(argv.size()));
+  for (auto& a : argv) data.append(a.c_str(), a.size() + 1);
+  put<uint32_t>(data, static_cast<uint32_t>(env.size()));
+  for (auto& e : env) data.append(e.c_str(), e.size() + 1);
+  ExternalProcessToken t = sendFork(1, 0, data, {in, out, err});
+  _tokens.push_back(t);
+  return t;
+}
+
+ExternalProcessToken ExternalProcessGroup::startRoutine(int (*routine)(const void*, size_t), const void* data,
+                                                        size_t size, const std::vector<FileDescriptor>& targets) {
+  requireRunner();
+  std::string block(static_cast<const char*>(data), size);
+  ExternalProcessToken t = sendFork(2, reinterpret_cast<uintptr_t>(routine), block, targets);
+  _tokens.push_back(t);
+  return t;
+}
+
+ExternalProcessToken ExternalProcessGroup::startOrSpawn(const std::vector<Str>& argv, FileDescriptor in,
+                                                        FileDescriptor out, FileDescriptor err) {
+  if (gClient.pid != -1) return start(argv, in, out, err);
+  // No runner in this process (a tool without one, or a test): a direct
+  // posix_spawn, which does not copy the address space.
+  std::vector<Str> env = childEnvironment();
+  std::vector<char*> av, ev;
+  for (auto& a : argv) av.push_back(const_cast<char*>(a.c_str()));
+  for (auto& e : env) ev.push_back(const_cast<char*>(e.c_str()));
+  av.push_back(nullptr);
+  ev.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  const FileDescriptor targets[3] = {in, out, err};
+  // As under the runner, a descriptor not given is /dev/null (opened here
+  // and dup'ed: addopen actions are lost by some spawn wrappers).
+  const int devnull = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (int i = 0; i < 3; ++i) {
+    const int fd = targets[i].isValid() ? targets[i].get() : devnull;
+    if (fd >= 0) posix_spawn_file_actions_adddup2(&fa, fd, i);
+  }
+  pid_t pid = -1;
+  int rc = argv.empty() ? EINVAL : ::posix_spawnp(&pid, av[0], &fa, nullptr, av.data(), ev.data());
+  posix_spawn_file_actions_destroy(&fa);
+  if (devnull >= 0) ::close(devnull);
+  auto c = std::make_shared<ChildProcess>();
+  if (rc != 0) {
+    c->done = true;
+    c->status = ExternalProcessStatus::failedToStart(rc);
+  } else {
+    c->localPid = pid;
+  }
   ExternalProcessToken t(c);
   _tokens.push_back(t);
   return t;
+}
+
+long ProcessRunnerForkHelper(int child_fd, int (*child_main)(const void*, size_t), const void* block, size_t size) {
+  if (gClient.pid == -1) {
+    errno = ENOSYS;
+    return -1;
+  }
+  try {
+    ExternalProcessGroup g;
+    // The engine's child speaks on 0 and 1 and reports on our stderr.
+    ExternalProcessToken t =
+        g.startRoutine(child_main, block, size, {FileDescriptor(child_fd), FileDescriptor(child_fd), FileDescriptor(2)});
+    ExternalProcessStatus st = t.getStatus(false);
+    if (st.isFailedToStart()) {
+      errno = st.startErrno();
+      return -1;
+    }
+    const long token = static_cast<long>(t.uniqueId());
+    ScopedLock l(gHelperMutex);
+    gHelperChildren[token] = t;
+    return token;
+  } catch (const ProcessRunnerException& e) {
+    gLogger.error("cannot start engine child: %s", e.what());
+    errno = EAGAIN;
+    return -1;
+  }
+}
+
+int ProcessRunnerWaitHelper(long token) {
+  ExternalProcessToken t;
+  {
+    ScopedLock l(gHelperMutex);
+    auto it = gHelperChildren.find(token);
+    if (it == gHelperChildren.end()) return 0;  // already waited for, as ECHILD
+    t = it->second;
+    gHelperChildren.erase(it);
+  }
+  if (gClient.pid == -1) return 0;  // the runner took its children with it
+  ExternalProcessStatus st = t.getStatus(true);
+  return st.isRunning() ? -1 : st.waitStatus();
 }
 
 ExternalProcessToken ExternalProcessGroup::startViaShell(const Str& command, FileDescriptor in, FileDescriptor out,
@@ -670,6 +820,24 @@ uint64_t ExternalProcessToken::uniqueId() const { return _c ? _c->id : 0; }
 
 ExternalProcessStatus ExternalProcessToken::getStatus(bool wait) const {
   if (!_c) return ExternalProcessStatus::failedToStart(EINVAL);
+  if (_c->localPid > 0 || (_c->id == 0 && _c->done)) {
+    ScopedLock l(gClient.mutex);
+    if (!_c->done) {
+      int st = 0;
+      pid_t r;
+      do {
+        r = ::waitpid(_c->localPid, &st, wait ? 0 : WNOHANG);
+      } while (r < 0 && errno == EINTR);
+      if (r == _c->localPid) {
+        _c->done = true;
+        _c->status = ExternalProcessStatus::ended(st);
+      } else if (r < 0) {
+        _c->done = true;  // reaped by someone else: the status is lost
+        _c->status = ExternalProcessStatus::ended(0xff00);
+      }
+    }
+    return _c->status;
+  }
   if (wait) {
     requireRunner();
     ChildProcess* c = _c.get();
@@ -689,6 +857,11 @@ ExternalProcessStatus ExternalProcessToken::getStatus(bool wait) const {
 }
 
 void ExternalProcessToken::kill(int sig) const {
+  if (_c && _c->localPid > 0) {
+    ScopedLock l(gClient.mutex);
+    if (!_c->done) ::kill(_c->localPid, sig);
+    return;
+  }
   requireRunner();
   if (!_c || _c->id == 0) return;
   {

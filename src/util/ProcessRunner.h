@@ -4,7 +4,7 @@
 //
 // ProcessRunnerInit() forks it before any thread starts. The runner starts
 // its own session, points 0, 1 and 2 at /dev/null, closes every other
-// descriptor up to get_max_open_files() and serves two socket pairs: the
+// descriptor and serves two socket pairs: the
 // command stream and the descriptor-passing socket (SCM_RIGHTS). It keeps a
 // pid file (when one is named) listing, one "%llu\n" line each, the
 // processes it has running, rewritten through "<pidFile>.tmp" and rename,
@@ -42,3 +42,14 @@ int ProcessRunnerPid();
 // loader's environment cache; null restores the default (this process's
 // environment at each start).
 void ProcessRunnerSetEnvironmentSource(std::vector<Str> (*source)());
+
+// Fork and wait helpers with the shape of the index engine's pluggable
+// helpers, so that its forked query handles start through the runner:
+// ProcessRunnerForkHelper runs child_main(block, size) in a new child of the
+// runner whose descriptors 0 and 1 are child_fd and 2 is this process's
+// standard error, and returns a token (> 0), or -1 with errno set (ENOSYS
+// before ProcessRunnerInit). ProcessRunnerWaitHelper waits for the process
+// of a token and returns its wait status; 0 for an unknown token (as
+// waitpid's ECHILD), -1 when the runner went away first.
+long ProcessRunnerForkHelper(int child_fd, int (*child_main)(const void*, size_t), const void* block, size_t size);
+int ProcessRunnerWaitHelper(long token);

@@ -29,3 +29,15 @@ bool SSLContext::loadServer(const Str& certFile, const Str& keyFile, Str& error)
   SSL_CTX_set_mode(_ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   return true;
 }
+
+bool SSLContext::loadClient(Str& error) {
+  SSL_CTX_free(_ctx);
+  _ctx = SSL_CTX_new(TLS_client_method());
+  if (_ctx == nullptr) {
+    error = lastError();
+    return false;
+  }
+  SSL_CTX_set_verify(_ctx, SSL_VERIFY_NONE, nullptr);
+  SSL_CTX_set_mode(_ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  return true;
+}

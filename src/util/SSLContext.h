@@ -1,5 +1,5 @@
-// SSLContext: an OpenSSL server context loaded from a PEM certificate
-// chain and private key. Owns the SSL_CTX. Built once, then shared read-only
+// SSLContext: an OpenSSL context: a server context loaded from a PEM
+// certificate chain and private key, or a client context. Owns the SSL_CTX. Built once, then shared read-only
 // by the loop's connections.
 #pragma once
 
@@ -16,6 +16,9 @@ class SSLContext {
 
   // False with `error` set (OpenSSL's text) on failure.
   bool loadServer(const Str& certFile, const Str& keyFile, Str& error);
+  // A client context that does not verify the peer (the peers are this
+  // system's own servers, often with self-signed certificates).
+  bool loadClient(Str& error);
   SSL_CTX* get() const { return _ctx; }
 
  private:

@@ -1,6 +1,5 @@
 #include "util/SelfPipe.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,23 +7,11 @@
 
 #include "util/Exceptions.h"
 
-SelfPipe::SelfPipe() {
-  int fds[2];
-  if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) throw SelfPipeException("can't create selfpipe");
-  _r = fds[0];
-  _w = fds[1];
-}
-
-SelfPipe::~SelfPipe() {
-  ::close(_r);
-  ::close(_w);
-}
-
 void SelfPipe::trigger() {
   char c = 0;
   ssize_t n;
   do {
-    n = ::write(_w, &c, 1);
+    n = ::write(writeFd(), &c, 1);
   } while (n < 0 && errno == EINTR);
   if (n == 1) return;
   if (n < 0 && errno == EAGAIN) return;  // the reader will be woken anyway

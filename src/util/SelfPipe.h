@@ -6,24 +6,20 @@
 // before it is destroyed.
 #pragma once
 
-#include "util/PolledFd.h"
+#include "util/PolledReadPipe.h"
 
-class SelfPipe : public PolledFd {
+class SelfPipe : public PolledReadPipe {
  public:
   // Throws SelfPipeException "can't create selfpipe".
-  SelfPipe();
-  ~SelfPipe() override;
+  SelfPipe() : PolledReadPipe(true) {}
 
   // Throws SelfPipeException on a write error other than EAGAIN.
   void trigger();
-  int readFd() const { return _r; }
   // The write end, for async-signal-safe writers.
-  int triggerFd() const { return _w; }
+  int triggerFd() const { return writeFd(); }
 
   virtual void when_triggered() = 0;
+  // Drains the pipe, then when_triggered(); true (finished) at end of file
+  // with nothing read. Throws SelfPipeException on a read error.
   bool when_events(PollableDescriptor fd) override;
-
- private:
-  int _r = -1;
-  int _w = -1;
 };

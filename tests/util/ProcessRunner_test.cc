@@ -2,8 +2,10 @@
 // the environment, the pid file, and the runner's end when its parent dies.
 #include "util/ProcessRunner.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,6 +96,35 @@ TEST(ProcessRunner, CallsBeforeInitThrow) {
   }
 }
 
+// Without a runner, startOrSpawn spawns directly and its token still
+// tells statuses and passes descriptors; the engine helper refuses.
+TEST(ProcessRunner, WithoutARunnerStartOrSpawnFallsBack) {
+  ASSERT_EQ(ProcessRunnerPid(), -1);
+  ExternalProcessGroup g;
+  EXPECT_EQ(g.startOrSpawn({Str("sh"), Str("-c"), Str("exit 5")}).getStatus(true).exitCode(), 5);
+  EXPECT_EQ(g.startOrSpawn({Str("/nonexistent/program")}).getStatus(true).describeStatus(),
+            "child failed to start: No such file or directory");
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  ExternalProcessToken t = g.startOrSpawn({Str("echo"), Str("spawned")}, FileDescriptor(), FileDescriptor(out[1]));
+  close(out[1]);
+  char buf[64];
+  ssize_t n = read(out[0], buf, sizeof buf);
+  close(out[0]);
+  EXPECT_EQ(std::string(buf, n > 0 ? static_cast<size_t>(n) : 0), "spawned\n");
+  EXPECT_TRUE(t.getStatus(true).statusOk());
+  const Str stdoutIsNull("[ \"$(readlink /proc/$$/fd/1)\" = /dev/null ]");
+  EXPECT_TRUE(g.startOrSpawn({Str("sh"), Str("-c"), stdoutIsNull}).getStatus(true).statusOk());
+  ExternalProcessToken sleeper = g.startOrSpawn({Str("sleep"), Str("30")});
+  EXPECT_TRUE(sleeper.getStatus(false).isRunning());
+  sleeper.kill(SIGKILL);
+  EXPECT_EQ(sleeper.getStatus(true).termSignal(), SIGKILL);
+
+  errno = 0;
+  EXPECT_EQ(ProcessRunnerForkHelper(0, nullptr, nullptr, 0), -1);
+  EXPECT_EQ(errno, ENOSYS);
+}
+
 class ProcessRunnerTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -135,6 +166,9 @@ TEST_F(ProcessRunnerTest, StatusesAndTheirTexts) {
   }
   ExternalProcessToken bad = g.start({Str("/nonexistent/program")});
   EXPECT_EQ(bad.getStatus(true).describeStatus(), "child failed to start: No such file or directory");
+  // A descriptor not given is the runner's /dev/null, as without a runner.
+  const Str stdoutIsNull("[ \"$(readlink /proc/$$/fd/1)\" = /dev/null ]");
+  EXPECT_TRUE(g.startOrSpawn({Str("sh"), Str("-c"), stdoutIsNull}).getStatus(true).statusOk());
   ExternalProcessToken running = g.start({Str("sleep"), Str("30")});
   EXPECT_EQ(running.getStatus(false).describeStatus(), "child is still running");
   running.kill(SIGKILL);
@@ -211,6 +245,79 @@ TEST_F(ProcessRunnerTest, ManyShortChildrenFromSeveralThreads) {
   }
   for (auto& t : ths) t.join();
   EXPECT_EQ(ok.load(), 100);
+}
+
+// A routine of this image run in a child of the runner: it gets its data,
+// sees its targets and nothing else, and its result is the exit status.
+int routineReport(const void* data, size_t size) {
+  std::string msg(static_cast<const char*>(data), size);
+  // Descriptor 3 and up must be closed: the child holds only its targets.
+  for (int fd = 3; fd < 64; ++fd)
+    if (fcntl(fd, F_GETFD) != -1) msg += " leaked:" + std::to_string(fd);
+  msg += "\n";
+  if (write(1, msg.data(), msg.size()) != static_cast<ssize_t>(msg.size())) return 2;
+  return size == 0 ? 3 : 0;
+}
+
+TEST_F(ProcessRunnerTest, RoutinesRunInAChildWithOnlyTheirTargets) {
+  struct Row {
+    std::string data;
+    std::string expect;
+    int code;
+  };
+  const Row rows[] = {{"routine data", "routine data\n", 0}, {"", "\n", 3}};
+  ExternalProcessGroup g;
+  for (const Row& r : rows) {
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    ExternalProcessToken t =
+        g.startRoutine(routineReport, r.data.data(), r.data.size(), {FileDescriptor(), FileDescriptor(out[1])});
+    close(out[1]);
+    std::string got;
+    char buf[256];
+    for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+    close(out[0]);
+    EXPECT_EQ(got, r.expect);
+    EXPECT_EQ(t.getStatus(true).exitCode(), r.code) << r.data;
+  }
+}
+
+// The engine-shaped helpers: the child serves on descriptors 0 and 1, both
+// the one socket end; the wait helper gives the wait status once, and 0
+// (as for a reaped child) after that.
+int routineEcho(const void* data, size_t size) {
+  char buf[64];
+  ssize_t n = read(0, buf, sizeof buf);
+  if (n <= 0) return 4;
+  std::string reply(static_cast<const char*>(data), size);
+  reply.append(buf, static_cast<size_t>(n));
+  return write(1, reply.data(), reply.size()) == static_cast<ssize_t>(reply.size()) ? 0 : 8;
+}
+
+TEST_F(ProcessRunnerTest, ForkAndWaitHelpersServeOverOneSocket) {
+  int sv[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+  long token = ProcessRunnerForkHelper(sv[1], routineEcho, "echo:", 5);
+  close(sv[1]);
+  ASSERT_GT(token, 0);
+  ASSERT_EQ(write(sv[0], "ping", 4), 4);
+  char buf[64];
+  std::string got;
+  for (ssize_t n; got.size() < 9 && (n = read(sv[0], buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+  EXPECT_EQ(got, "echo:ping");
+  close(sv[0]);
+  int st = ProcessRunnerWaitHelper(token);
+  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+  EXPECT_EQ(ProcessRunnerWaitHelper(token), 0);
+
+  // A child whose peer closes at once ends with its own code.
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+  token = ProcessRunnerForkHelper(sv[1], routineEcho, "", 0);
+  close(sv[1]);
+  close(sv[0]);
+  ASSERT_GT(token, 0);
+  st = ProcessRunnerWaitHelper(token);
+  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 4) << st;
 }
 
 }  // namespace

@@ -33,6 +33,7 @@
 #include "search/SearchResultsInfo.h"
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
+#include "searchthing/ipcver.h"
 #include "tools/velmor-search/MIndexSide.h"
 #include "util/EventLoopThread.h"
 #include "util/Pathname.h"
@@ -177,10 +178,13 @@ int main(int argc, char** argv) {
   {
     EventLoopThread loop;
     ProcessRunnerInit(&loop, Pathname());
+    // Forked engine handles start their children through the runner too.
+    st_set_forkwait_helpers(ProcessRunnerForkHelper, ProcessRunnerWaitHelper);
     struct RunnerGuard {
       EventLoopThread& loop;
       ~RunnerGuard() {
         loop.stop();
+        st_set_forkwait_helpers(nullptr, nullptr);
         ProcessRunnerFini(&loop);
       }
     } runnerGuard{loop};

@@ -1,5 +1,7 @@
 // velmor-tsidx: a small shell over the time-series index engine, for
-// scripting and for looking into an index directory by hand.
+// scripting and for looking into an index directory by hand. Reads use a
+// forked engine handle (unless VELMOR_ST_NEVER_FORK is set), whose child
+// the process runner starts: this process forks nothing but the runner.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,8 +11,22 @@
 #include <vector>
 
 #include "searchthing/ipcver.h"
+#include "util/ProcessRunner.h"
 
 namespace {
+
+// The process runner for the life of a command: a forked engine handle
+// starts its child through it, so this process forks only the runner.
+struct EngineRunnerScope {
+  EngineRunnerScope() {
+    ProcessRunnerInit(nullptr, Pathname());
+    st_set_forkwait_helpers(ProcessRunnerForkHelper, ProcessRunnerWaitHelper);
+  }
+  ~EngineRunnerScope() {
+    st_set_forkwait_helpers(nullptr, nullptr);
+    ProcessRunnerFini(nullptr);
+  }
+};
 
 const char kUsage[] =
     "usage: velmor-tsidx COMMAND DIR [ARGS...]\n"
@@ -186,6 +202,7 @@ int main(int argc, char** argv) {
   bool reads = cmd == "query" || cmd == "get" || cmd == "meta" || cmd == "enum";
   if (!writes && !reads) return usageError("unknown command '%s'", cmd.c_str());
 
+  EngineRunnerScope runner;
   st_handle* h = st_open_wflags(dir, writes ? 3 : 5);
   if (!h) return engineError("open", dir);
   int rc = 0;
