@@ -131,25 +131,26 @@ size_t GenericCleaner::matchBreaker(const char* p, const char* end, bool& major)
   return best;
 }
 
-// Passes _buf[from, _bufLen) as one segment. False when the callback asked
+// Passes w.buf[from, w.bufLen) as one segment. False when the callback asked
 // to stop.
-bool GenericCleaner::pass(size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb) {
-  size_t len = _bufLen - from;
+bool GenericCleaner::pass(Work& w, size_t from, size_t rawStart, size_t rawEnd, bool isMajor,
+                          ICleanCallback& cb) const {
+  size_t len = w.bufLen - from;
   if (len == 0) return true;
   if (isMajor) {
-    if ((_majorLen >= 0 && long(len) > _majorLen) || (_majorCount >= 0 && _majorsPassed >= _majorCount))
+    if ((_majorLen >= 0 && long(len) > _majorLen) || (_majorCount >= 0 && w.majorsPassed >= _majorCount))
       return true;
-    ++_majorsPassed;
+    ++w.majorsPassed;
   } else {
-    if ((_minorLen >= 0 && long(len) > _minorLen) || (_minorCount >= 0 && _minorsPassed >= _minorCount))
+    if ((_minorLen >= 0 && long(len) > _minorLen) || (_minorCount >= 0 && w.minorsPassed >= _minorCount))
       return true;
-    ++_minorsPassed;
+    ++w.minorsPassed;
   }
-  _buf[_bufLen] = '\0';
-  return cb.acceptToken(_buf + from, len, rawStart, rawEnd);
+  w.buf[w.bufLen] = '\0';
+  return cb.acceptToken(w.buf + from, len, rawStart, rawEnd);
 }
 
-void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
+void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const {
   StrSegment text = input;
   if (_filter) {
     StrSegment t(text);
@@ -163,9 +164,7 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
   const char* p = text.data();
   const char* end = p + text.size();
 
-  _bufLen = 0;
-  _majorsPassed = 0;
-  _minorsPassed = 0;
+  Work w;
   size_t minorFrom = 0;     // buffer position where the current minor segment starts
   size_t majorRaw = 0;      // raw offset of the current major segment
   size_t minorRaw = 0;      // raw offset of the current minor segment
@@ -173,13 +172,13 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
 
   // At a breaker (or the end) at raw offset `at`.
   auto flush = [&](bool major, size_t at) -> bool {
-    if (_bufLen == 0) return true;
+    if (w.bufLen == 0) return true;
     bool wholeOffered = major || _intermediateMajors;
-    if (wholeOffered && !pass(0, majorRaw, at, true, cb)) return false;
+    if (wholeOffered && !pass(w, 0, majorRaw, at, true, cb)) return false;
     // With no minor breaker seen yet the minor segment is the whole segment:
     // it was offered above (and maybe refused by a limit), so not again.
     if (!(wholeOffered && minorFrom == 0)) {
-      if (!pass(minorFrom, minorRaw, at, false, cb)) return false;
+      if (!pass(w, minorFrom, minorRaw, at, false, cb)) return false;
     }
     return true;
   };
@@ -189,27 +188,27 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
     size_t blen = matchBreaker(p, end, major);
     size_t off = base + size_t(p - text.data());
     if (blen == 0) {
-      if (_bufLen < kMaxSegment) {
+      if (w.bufLen < kMaxSegment) {
         if (!inSegment) {
           inSegment = true;
           majorRaw = off;
           minorRaw = off;
-        } else if (minorFrom == _bufLen) {
+        } else if (minorFrom == w.bufLen) {
           minorRaw = off;
         }
-        _buf[_bufLen++] = lower((unsigned char)*p);
+        w.buf[w.bufLen++] = lower((unsigned char)*p);
       }
       ++p;
       continue;
     }
-    if (_bufLen >= kMaxSegment && !major) {
+    if (w.bufLen >= kMaxSegment && !major) {
       // Full buffer: only a major breaker ends the skipping.
       p += blen;
       continue;
     }
     if (!flush(major, off)) return;
     if (major) {
-      _bufLen = 0;
+      w.bufLen = 0;
       minorFrom = 0;
       inSegment = false;
     } else {
@@ -217,8 +216,8 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) {
         inSegment = true;
         majorRaw = off;
       }
-      for (size_t i = 0; i < blen && _bufLen < kMaxSegment; ++i) _buf[_bufLen++] = lower((unsigned char)p[i]);
-      minorFrom = _bufLen;
+      for (size_t i = 0; i < blen && w.bufLen < kMaxSegment; ++i) w.buf[w.bufLen++] = lower((unsigned char)p[i]);
+      minorFrom = w.bufLen;
       minorRaw = off + blen;
     }
     p += blen;

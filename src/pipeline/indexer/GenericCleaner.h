@@ -14,9 +14,9 @@
 // "a.b c" gives "a", "a.b", "b", "c". A length limit drops segments longer
 // than it; a count limit stops passing segments of that kind.
 //
-// Ownership: the object is immutable after construction except for its work
-// buffer, so one instance serves one thread at a time. tokenize allocates
-// nothing (unless FILTER is set).
+// Ownership: the object is immutable after construction; tokenize keeps its
+// work buffer on the stack, so any number of threads may share one
+// instance. tokenize allocates nothing (unless FILTER is set).
 #pragma once
 
 #include <cstddef>
@@ -45,7 +45,7 @@ class GenericCleaner {
   // (\n \t \r, \s for a blank, \xHH for any byte, \<c> for c itself).
   static std::vector<Str> parseBreakerList(const StrSegment& text);
 
-  void tokenize(const StrSegment& text, ICleanCallback& cb);
+  void tokenize(const StrSegment& text, ICleanCallback& cb) const;
 
  private:
   struct Node {
@@ -57,7 +57,14 @@ class GenericCleaner {
   void addBreaker(const Str& text, bool major);
   // Length of the longest breaker at p (0 if none); sets major.
   size_t matchBreaker(const char* p, const char* end, bool& major) const;
-  bool pass(size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb);
+  // Work state of one tokenize call.
+  struct Work {
+    char buf[kMaxSegment + 1];
+    size_t bufLen = 0;
+    long majorsPassed = 0;
+    long minorsPassed = 0;
+  };
+  bool pass(Work& w, size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb) const;
 
   std::vector<Node> _trie;
   std::unique_ptr<Regex> _filter;
@@ -67,10 +74,4 @@ class GenericCleaner {
   long _minorCount = -1;
   long _majorCount = -1;
   bool _intermediateMajors = true;
-
-  // Work state of one tokenize call.
-  char _buf[kMaxSegment + 1];
-  size_t _bufLen = 0;
-  long _majorsPassed = 0;
-  long _minorsPassed = 0;
 };

@@ -43,6 +43,12 @@ class IndexableValue : public ITokenHandler, public ICleanCallback {
   }
   void setHandle(st_handle* h) { _handle = h; }
   void setCleaner(GenericCleaner* c) { _cleaner = c; }
+  int32_t time() const { return _time; }
+  uint32_t address() const { return _address; }
+  uint32_t hostCode() const { return _hostCode; }
+  uint32_t sourceCode() const { return _sourceCode; }
+  uint32_t sourceTypeCode() const { return _sourceTypeCode; }
+  GenericCleaner* cleaner() const { return _cleaner; }
 
   void index(const IndexableEvent& ev);
 

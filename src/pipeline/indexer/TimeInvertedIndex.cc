@@ -1,18 +1,19 @@
 #include "pipeline/indexer/TimeInvertedIndex.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "pipeline/indexer/MultiThreadedIndexer.h"
 #include "util/Exceptions.h"
 #include "util/Logger.h"
 
-extern char** environ;
-
 static Logger gLogger("TimeInvertedIndex");
+static Logger gMergeLogger("MERGE");
 
 namespace {
 
@@ -67,13 +68,15 @@ bool TimeInvertedIndex::uncompressDir(const Pathname& dir) {
   for (const Str& name : names) {
     if (!name.endswith("tsidx.gz")) continue;
     Pathname path = dir / name;
-    char prog[] = "gunzip";
-    char* argv[] = {prog, path.data(), nullptr};
-    pid_t pid;
-    int status = 0;
-    if (posix_spawnp(&pid, "gunzip", nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &status, 0) != pid ||
-        !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-      gLogger.error("Unable to gunzip %s", path.c_str());
+    ExternalProcessStatus st = ExternalProcessStatus::failedToStart(EINVAL);
+    try {
+      ExternalProcessGroup group;
+      st = group.startOrSpawn({Str("gunzip"), Str("-f"), path}).getStatus(true);
+    } catch (const std::exception& e) {
+      gLogger.error(e);
+    }
+    if (!st.statusOk()) {
+      gLogger.error("Unable to gunzip %s: %s", path.c_str(), st.describeStatus().c_str());
       ok = false;
     }
   }
@@ -105,6 +108,33 @@ void TimeInvertedIndex::create(bool force) {
   st_options(_handle, _options.maxTermChars, _options.maxTerms, _options.maxPostings, _options.maxValues);
   st_autotune(_handle, _options.maxMemMB << 20);
   _lastSync = INT64_MIN;
+  createDispatchers();
+}
+
+void TimeInvertedIndex::createDispatchers() {
+  if (_options.indexThreads == 0 || !_dispatchers.empty()) return;
+  gLogger.info("Creating %lu indexing threads for %s", (unsigned long)_options.indexThreads, _dir.c_str());
+  MultiThreadedIndexer::Sizes sizes;
+  sizes.maxTermChars = _options.maxTermChars;
+  sizes.maxTerms = _options.maxTerms;
+  sizes.maxPostings = _options.maxPostings;
+  sizes.maxValues = _options.maxValues;
+  // The memory budget is shared among the threads' hot slices.
+  sizes.maxMemMB = std::max<uint64_t>(1, _options.maxMemMB / _options.indexThreads);
+  for (size_t i = 0; i < _options.indexThreads; ++i) {
+    auto d = std::make_unique<MultiThreadedIndexer>(_dir, sizes, _options.indexThreads, unsigned(i));
+    if (!d->ok()) {
+      gLogger.error("Indexing thread %lu for %s did not open; indexing on fewer threads", (unsigned long)i,
+                    _dir.c_str());
+      continue;
+    }
+    _dispatchers.push_back(std::move(d));
+  }
+}
+
+size_t TimeInvertedIndex::dispatcherCount() {
+  ScopedLock l(_mutex);
+  return _dispatchers.size();
 }
 
 bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
@@ -113,6 +143,13 @@ bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
     gLogger.error("Attempting to add to uninitalized database");
     return false;
   }
+  if (!_dispatchers.empty()) {
+    MultiThreadedIndexer& d = *_dispatchers[_nextDispatcher];
+    if (++_nextDispatcher == _dispatchers.size()) _nextDispatcher = 0;
+    d.addToQueue(ev, value.time(), value.address(), value.hostCode(), value.sourceCode(), value.sourceTypeCode(),
+                 value.cleaner());
+    return true;
+  }
   value.setHandle(_handle);
   value.index(ev);
   return true;
@@ -120,6 +157,8 @@ bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
 
 void TimeInvertedIndex::Locked_sync() {
   // A failed flush is not reported upward; the next one retries.
+  for (auto& d : _dispatchers)
+    if (!d->sync()) gLogger.warn("st_sync failed for %s on an indexing thread", _dir.c_str());
   if (st_sync(_handle) < 0) gLogger.warn("st_sync failed for %s: %m", _dir.c_str());
 }
 
@@ -255,18 +294,160 @@ bool TimeInvertedIndex::importTsvals(const Pathname& path, std::vector<st_tsval>
   return ok;
 }
 
-void TimeInvertedIndex::close() {
+void TimeInvertedIndex::close(bool optimizeAfter) {
   ScopedLock l(_mutex);
   if (!_handle) {
     gLogger.warn("close called on closed index");
     return;
   }
-  if (!_dir.exists()) {
+  bool gone = !_dir.exists();
+  if (gone) {
     gLogger.warn("Directory %s appears to have been deleted", _dir.c_str());
   } else {
     Locked_sync();
     for (auto& t : _tables) t->sync();
   }
+  // Each thread drains its queue and flushes before it ends.
+  _dispatchers.clear();
+  _nextDispatcher = 0;
   st_close(_handle);
   _handle = nullptr;
+  waitForMergeToFinish();
+  if (optimizeAfter && !gone) {
+    try {
+      ExternalProcessGroup group;
+      ExternalProcessStatus st = group.startOrSpawn({_options.optimizer, Str("-f"), _dir}).getStatus(true);
+      if (st.isFailedToStart())
+        gLogger.error("velmor-optimize -f failed to start");
+      else
+        gLogger.info("velmor-optimize -f %s %s", _dir.c_str(), st.describeStatus().c_str());
+    } catch (const std::exception& e) {
+      gLogger.error("velmor-optimize -f failed to start");
+      gLogger.error(e);
+    }
+  }
+}
+
+// --- prefix lookup -------------------------------------------------------------------
+
+bool TimeInvertedIndex::getMatchingWordsAndCountsForPrefix(const Str& prefix, size_t capacity,
+                                                           std::vector<std::pair<Str, uint64_t>>& out) {
+  out.clear();
+  if (capacity == 0) return true;
+  st_handle* q = st_open_wflags(_dir.c_str(), 5);
+  if (!q) {
+    gLogger.error("Database is NOT open");
+    return false;
+  }
+  // The engine fills at most half of the answer array (it gathers in place).
+  std::vector<st_enum_answer> answers(capacity * 2);
+  gLogger.debug("Running enum !");
+  int32_t n = st_enum(q, prefix.c_str(), 1, answers.data(), uint32_t(answers.size()));
+  st_close(q);
+  gLogger.debug("Enum done got %d results", int(n));
+  if (n < 0) return false;
+  for (int32_t i = 0; i < n && out.size() < capacity; ++i) out.emplace_back(Str(answers[i].term), answers[i].value);
+  return true;
+}
+
+// --- optimisers ----------------------------------------------------------------------
+
+void TimeInvertedIndex::drainOutput(Optimizer& o, bool atEnd) {
+  if (o.output.isValid()) {
+    char buf[4096];
+    for (;;) {
+      ssize_t n = o.output.read(buf, sizeof buf);
+      if (n > 0) {
+        o.partial.append(buf, size_t(n));
+        continue;
+      }
+      if (n == 0) o.output.close();  // end of file: every writer is gone
+      break;
+    }
+  }
+  size_t from = 0;
+  for (size_t nl; (nl = o.partial.find('\n', from)) != std::string::npos; from = nl + 1)
+    gMergeLogger.info("%.*s", int(nl - from), o.partial.data() + from);
+  o.partial.erase(0, from);
+  if (atEnd && !o.partial.empty()) {
+    gMergeLogger.info("%s", o.partial.c_str());
+    o.partial.clear();
+  }
+}
+
+void TimeInvertedIndex::Locked_reapOptimizers() {
+  for (size_t i = 0; i < _optimizers.size();) {
+    Optimizer& o = *_optimizers[i];
+    bool running = o.token.getStatus(false).isRunning();
+    drainOutput(o, !running);
+    if (running) {
+      ++i;
+      continue;
+    }
+    ExternalProcessStatus st = o.token.getStatus(false);
+    if (!st.statusOk()) gLogger.warn("velmor-optimize on %s %s", _dir.c_str(), st.describeStatus().c_str());
+    _optimizers.erase(_optimizers.begin() + long(i));
+  }
+}
+
+size_t TimeInvertedIndex::runningOptimizers() {
+  ScopedLock l(_mutex);
+  Locked_reapOptimizers();
+  return _optimizers.size();
+}
+
+bool TimeInvertedIndex::optimize() {
+  ScopedLock l(_mutex);
+  if (!_handle) return false;
+  Locked_reapOptimizers();
+  if (_optimizers.size() >= _options.maxConcurrentOptimizes) {
+    gLogger.info("velmor-optimize is already running for this index %s", _dir.c_str());
+    return false;
+  }
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0) {
+    gLogger.error("Unable to spawn velmor-optimize process because : %s", std::strerror(errno));
+    return false;
+  }
+  FileDescriptor readEnd(fds[0]), writeEnd(fds[1]);
+  ::fcntl(readEnd.get(), F_SETFL, ::fcntl(readEnd.get(), F_GETFL) | O_NONBLOCK);
+  auto o = std::make_unique<Optimizer>();
+  bool started = false;
+  try {
+    o->token = o->group.startOrSpawn({_options.optimizer, _dir}, FileDescriptor(), writeEnd, writeEnd);
+    started = !o->token.getStatus(false).isFailedToStart();
+    if (!started) gLogger.error("velmor-optimize failed to start for index %s", _dir.c_str());
+  } catch (const std::exception& e) {
+    gLogger.error("Unable to spawn velmor-optimize process because : %s", e.what());
+  }
+  writeEnd.close();
+  if (!started) {
+    readEnd.close();
+    return false;
+  }
+  o->output = readEnd;
+  _optimizers.push_back(std::move(o));
+  return true;
+}
+
+void TimeInvertedIndex::waitForMergeToFinish() {
+  if (_optimizers.empty()) return;
+  if (_options.waitForOptimize > 0) {
+    for (auto& o : _optimizers) {
+      o->token.getStatus(true);
+      drainOutput(*o, true);
+    }
+  } else {
+    for (auto& o : _optimizers) {
+      o->group.terminateAll(5);
+      drainOutput(*o, true);
+    }
+    // A killed optimiser leaves its lock and half-made merge files behind.
+    std::vector<Str> names;
+    if (_dir.readDirectory(names))
+      for (const Str& n : names)
+        if (n.endswith(".lock") || n.endswith(".merge")) (_dir / n).unlink();
+  }
+  for (auto& o : _optimizers) o->output.close();
+  _optimizers.clear();
 }

@@ -12,24 +12,40 @@
 // queries through a separate handle opened for reading (a forked engine
 // unless the environment says otherwise), closed after the query.
 //
-// Not here: indexing threads and background optimiser processes; events are
-// indexed on the caller's thread.
+// DESIGN. With `indexThreads` above 0, createDispatchers() (run by create)
+// starts that many MultiThreadedIndexer threads, each with its own engine
+// handle and hot slice on the same directory; index() then copies the event
+// onto their queues in round-robin order instead of putting its terms, and
+// a sync flushes every thread. Slice names are unique per handle, and each
+// value lands in one slice only, so queries need no dedupe. optimize()
+// starts "velmor-optimize <dir>" in the background through the process
+// runner (a direct spawn when the process has no runner), at most
+// `maxConcurrentOptimizes` at once; their output goes to the logger
+// "MERGE", read whenever the running optimisers are counted. close() waits
+// for them (or terminates them, with `waitForOptimize` 0).
 //
-// Threads: one mutex guards the open state, the writing handle and the sync
-// clock; queries hold it only while syncing. The tables have their own locks.
+// Threads: one mutex guards the open state, the writing handle, the
+// indexing threads, the optimiser list and the sync clock; queries hold it
+// only while syncing. The tables have their own locks.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "pipeline/indexer/IndexableEvent.h"
 #include "pipeline/indexer/IndexableValue.h"
 #include "pipeline/indexer/MetaData.h"
 #include "searchthing/ipcver.h"
+#include "util/ExternalProcessGroup.h"
+#include "util/FileDescriptor.h"
 #include "util/Mutex.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
+
+class MultiThreadedIndexer;
 
 class TimeInvertedIndex {
  public:
@@ -40,6 +56,10 @@ class TimeInvertedIndex {
     uint32_t maxValues = 65536;
     uint64_t maxMemMB = 100;
     int64_t syncPeriod = 30;  // seconds
+    size_t indexThreads = 0;  // 0: terms are put on the caller's thread
+    size_t maxConcurrentOptimizes = 6;
+    long waitForOptimize = 0;  // close() waits for optimisers (else ends them)
+    Str optimizer = "velmor-optimize";  // program name or path
   };
 
   TimeInvertedIndex(const Pathname& dir, const Options& options);
@@ -55,9 +75,13 @@ class TimeInvertedIndex {
   bool isOpen();
   const Pathname& getPath() const { return _dir; }
 
-  // Puts the event's terms with value's time, address and codes. False (and a
-  // log line) when the index is not open. REQUIRES: value has a cleaner.
+  // Puts the event's terms with value's time, address and codes, or queues
+  // it for the next indexing thread. False (and a log line) when the index
+  // is not open. REQUIRES: value has a cleaner, which outlives the index
+  // when indexing threads are configured.
   bool index(IndexableValue& value, const IndexableEvent& ev);
+  // Number of indexing threads running.
+  size_t dispatcherCount();
 
   // Flushes when the sync period has passed since the last flush (or the
   // open). `now` in seconds. True when a flush ran.
@@ -86,21 +110,47 @@ class TimeInvertedIndex {
   // Reads such a file; false when it is missing, not a dump or cut short.
   static bool importTsvals(const Pathname& path, std::vector<st_tsval>& out);
 
-  // Syncs, saves the tables and closes the engine. A second call logs
-  // "close called on closed index" and returns.
-  void close();
+  // Terms of the index starting with prefix, with their posting counts,
+  // at most `capacity` of them, in term order. False when the index could
+  // not be asked.
+  bool getMatchingWordsAndCountsForPrefix(const Str& prefix, size_t capacity,
+                                          std::vector<std::pair<Str, uint64_t>>& out);
+
+  // Starts the optimiser on the directory in the background unless
+  // `maxConcurrentOptimizes` of them are running. True when one started.
+  bool optimize();
+  // Optimisers of this index still running (reaping those that ended).
+  size_t runningOptimizers();
+
+  // Syncs, saves the tables, ends the indexing threads, closes the engine
+  // and waits for (or ends) the optimisers; with optimize set, then runs
+  // "velmor-optimize -f" on the directory and waits for it. A second call
+  // logs "close called on closed index" and returns.
+  void close(bool optimize = false);
 
   MetaData& eventTypes() { return *_tables[0]; }
   MetaData& hosts() { return *_tables[1]; }
   MetaData& sources() { return *_tables[2]; }
   MetaData& sourceTypes() { return *_tables[3]; }
 
-  // Gunzips every "*tsidx.gz" file of dir with the external gunzip. False
-  // when one of them could not be uncompressed.
+  // Gunzips every "*tsidx.gz" file of dir with the external gunzip (through
+  // the process runner when there is one). False when one of them could not
+  // be uncompressed.
   static bool uncompressDir(const Pathname& dir);
 
  private:
+  struct Optimizer {
+    ExternalProcessGroup group;
+    ExternalProcessToken token;
+    FileDescriptor output;  // read end of its stdout and stderr
+    std::string partial;    // an output line not yet ended
+  };
+
+  void createDispatchers();
   void Locked_sync();
+  void Locked_reapOptimizers();
+  void waitForMergeToFinish();
+  static void drainOutput(Optimizer& o, bool atEnd);
 
   Mutex _mutex;
   Pathname _dir;
@@ -108,4 +158,7 @@ class TimeInvertedIndex {
   st_handle* _handle = nullptr;
   std::unique_ptr<MetaData> _tables[4];
   int64_t _lastSync = INT64_MIN;
+  std::vector<std::unique_ptr<MultiThreadedIndexer>> _dispatchers;
+  size_t _nextDispatcher = 0;
+  std::vector<std::unique_ptr<Optimizer>> _optimizers;
 };

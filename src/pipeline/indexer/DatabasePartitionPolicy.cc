@@ -1,0 +1,429 @@
+// Starting, the service tick, syncing, shutdown and the word tables of an
+// index. Writing and rolling: DatabasePartitionPolicyWrite.cc; warm, cold
+// and frozen: DatabasePartitionPolicyMove.cc; queries and reads:
+// DatabasePartitionPolicyQuery.cc; delete, export and checks:
+// DatabasePartitionPolicyAdmin.cc.
+#include "pipeline/indexer/DatabasePartitionPolicy.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <set>
+
+#include "libbundle/PropertiesMap.h"
+#include "pipeline/indexer/BlockSigner.h"
+#include "pipeline/indexer/GenericCleaner.h"
+#include "pipeline/indexer/PolicyServiceThread.h"
+#include "pipeline/indexer/ScopedPolicyLock.h"
+#include "util/Exceptions.h"
+#include "util/Logger.h"
+
+static Logger gLogger("DatabasePartitionPolicy");
+
+namespace {
+const char* const kTableNames[4] = {"EventTypes", "Hosts", "Sources", "SourceTypes"};
+const char* const kMetaManifest = ".metaManifest";
+const char* const kHotName = "db-hot";
+
+// The segmenter used for events that bring none of their own.
+PropertiesMap defaultSegmenters() {
+  PropertiesMap m;
+  m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * \\n \\r \\s \\t & ? + %21 %26 %2526 %3B %7C %20 %2B %3D");
+  m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
+  return m;
+}
+}  // namespace
+
+DatabasePartitionPolicy::DatabasePartitionPolicy(const PolicyParameters& params) : _params(params) {
+  Pathname g = _params.homePath / "GlobalMetaData";
+  for (int i = 0; i < 4; ++i) _global[i] = std::make_unique<MetaData>(g, Str(kTableNames[i]) + ".data", kTableNames[i]);
+  _defaultCleaner = std::make_unique<GenericCleaner>(defaultSegmenters());
+  if (_params.blockSignSize > 0) _signer = std::make_unique<BlockSigner>(size_t(_params.blockSignSize));
+}
+
+DatabasePartitionPolicy::~DatabasePartitionPolicy() {
+  stopServiceThread();
+  try {
+    close();
+  } catch (const std::exception& e) {
+    gLogger.error(e);
+  }
+}
+
+void DatabasePartitionPolicy::start(bool readOnly) {
+  openDatabases(readOnly || _params.isReadOnly);
+  if (_signer && !_signer->hasKey())
+    gLogger.warn("No private key available.  Unable to cryptographically sign blocks.");
+}
+
+void DatabasePartitionPolicy::openDatabases(bool readOnly) {
+  // The lock files sit beside the directories, so their parents must exist.
+  for (const Pathname* p : {&_params.homePath, &_params.coldPath, &_params.thawedPath}) p->toParent().mkdir_p();
+  ScopedPolicyLock dirs(_params);
+  ScopedWriter w(_tableLock);
+  ScopedRecursiveLock l(_mutex);
+  if (_started) return;
+  _readOnly = readOnly;
+  gLogger.info("Opening %s", _params.homePath.c_str());
+  for (const Pathname* p : {&_params.homePath, &_params.coldPath, &_params.thawedPath}) {
+    if (!p->mkdir_p()) {
+      Str msg = Str::fromFormat("Unable to create directory %s because %s", p->c_str(), strerror(errno));
+      gLogger.error(msg);
+      throw DatabasePartitionPolicyException(msg);
+    }
+  }
+  Pathname g = _params.homePath / "GlobalMetaData";
+  if (!g.mkdir_p()) throw DatabasePartitionPolicyException(Str("Unable to create directory ") + g);
+  for (auto& t : _global) t->open();
+
+  Pathname ct = _params.homePath / "CreationTime";
+  Str text;
+  FILE* f = std::fopen(ct.c_str(), "r");
+  long value = 0;
+  if (f) {
+    char buf[64] = {0};
+    size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+    std::fclose(f);
+    text = Str(std::string(buf, n)).trim();
+  }
+  if (!f || !text.tryToLong(value)) {
+    value = long(time(nullptr));
+    gLogger.info("This is the first time this index was created ...  Creating file at %s", ct.c_str());
+    FILE* o = std::fopen(ct.c_str(), "w");
+    if (!o || std::fprintf(o, "%ld", value) < 0 || std::fclose(o) != 0)
+      throw DatabasePartitionPolicyException(Str("Unable to write ") + ct);
+  }
+  _creationTime = value;
+
+  _table.clear();
+  scanDir(_params.homePath, TEDB::kWarm);
+  scanDir(_params.coldPath, TEDB::kCold);
+  scanDir(_params.thawedPath, TEDB::kThawed);
+  std::sort(_table.warm.begin(), _table.warm.end(), [](const auto& a, const auto& b) {
+    return TEDBCompareByEndTimeLatestFirst()(b, a);
+  });
+  if (!_table.hot) {
+    gLogger.info("No hot database found in %s velmor will now create one.", _params.homePath.c_str());
+    createNewDB();
+  }
+  gLogger.info("Hot database id = %d highest id = %d", int(_table.hot->id()), int(_table.highestId));
+  rebuildMetaData();
+  writeManifest();
+  _started = true;
+}
+
+void DatabasePartitionPolicy::scanDir(const Pathname& dir, TEDB::State state) {
+  std::vector<Str> names;
+  if (!dir.readDirectory(names)) return;
+  for (const Str& name : names) {
+    Pathname path = dir / name;
+    if (!path.isDir()) continue;
+    if (name == kHotName && state == TEDB::kWarm) {
+      gLogger.info("%s is hot", path.c_str());
+      openBucketDir(path, TEDB::kHot, true);
+      continue;
+    }
+    if (!name.startswith("db_")) continue;
+    if (state == TEDB::kWarm)
+      gLogger.info("%s is warm", path.c_str());
+    else if (state == TEDB::kCold)
+      gLogger.info("%s is cold...ignoring - not opening", path.c_str());
+    try {
+      openBucketDir(path, state, state != TEDB::kCold);
+    } catch (const std::exception& e) {
+      gLogger.error(e);
+    }
+  }
+}
+
+// Makes the TEDB of a listed directory, giving it a fresh id when another
+// bucket already has its id (resolveIdCollision), and lists it.
+std::shared_ptr<TEDB> DatabasePartitionPolicy::openBucketDir(const Pathname& dir, TEDB::State state, bool openIt) {
+  int64_t end = INT64_MIN, start = INT64_MAX;
+  uint32_t id = 0;
+  bool hot = state == TEDB::kHot;
+  if (!hot) TEDB::parseName(dir.toLeaf(), end, start, id);
+  if ((dir / "__2.0tsval.out__").exists()) rebuildBucketFromTsvals(dir);
+
+  Pathname path = dir;
+  if (!hot && _table.findById(id)) {
+    uint32_t fresh = _table.takeNextId();
+    Pathname renamed = dir.toParent() / TEDB::makeName(end, start, fresh);
+    gLogger.warn("Bucket id %u of %s is taken; renaming to %s", id, dir.c_str(), renamed.c_str());
+    if (dir.renameTo(renamed)) {
+      path = renamed;
+      id = fresh;
+    }
+  }
+  auto b = std::make_shared<TEDB>(path, id, state, start, end, _params);
+  if (hot) {
+    // The hot bucket's id follows the highest warm or cold id; its times
+    // come from what the engine holds.
+    b->open();
+    int64_t lo, hi;
+    if (b->readTimes(lo, hi)) {
+      b->widenTimes(lo);
+      b->widenTimes(hi);
+    }
+    _table.hot = b;
+    _pendingHotId = true;
+    return b;
+  }
+  _table.noteId(id);
+  if (openIt) b->open();
+  if (state == TEDB::kWarm)
+    _table.warm.push_back(b);
+  else if (state == TEDB::kCold)
+    _table.cold.push_back(b);
+  else
+    _table.thawed.push_back(b);
+  return b;
+}
+
+void DatabasePartitionPolicy::createNewDB() {
+  Pathname dir = _params.homePath / kHotName;
+  if (!dir.mkdir_p())
+    throw DatabasePartitionPolicyException(
+        Str::fromFormat("Unable to create directory %s because %s", dir.c_str(), strerror(errno)));
+  uint32_t id = _table.takeNextId();
+  auto b = std::make_shared<TEDB>(dir, id, TEDB::kHot, INT64_MAX, INT64_MIN, _params);
+  b->open();
+  _table.hot = b;
+  _pendingHotId = false;
+}
+
+void DatabasePartitionPolicy::readManifest(std::vector<Str>& out) {
+  out.clear();
+  FILE* f = std::fopen((_params.homePath / kMetaManifest).c_str(), "r");
+  if (!f) return;
+  char line[8192];
+  while (std::fgets(line, sizeof line, f)) {
+    Str s = Str(line).trim();
+    if (!s.empty()) out.push_back(s);
+  }
+  std::fclose(f);
+}
+
+// One bucket path per line: every listed bucket has been counted into the
+// global word tables.
+void DatabasePartitionPolicy::writeManifest() {
+  Pathname path = _params.homePath / kMetaManifest;
+  Pathname temp(path + ".temp");
+  FILE* f = std::fopen(temp.c_str(), "w");
+  if (!f) {
+    gLogger.error("Unable to write %s: %s", temp.c_str(), strerror(errno));
+    return;
+  }
+  bool ok = true;
+  for (const auto& b : _table.all()) ok = std::fprintf(f, "%s\n", b->path().c_str()) >= 0 && ok;
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok || !temp.renameTo(path)) {
+    gLogger.error("Unable to write %s: %s", path.c_str(), strerror(errno));
+    temp.unlink();
+  }
+}
+
+std::vector<WordPositionData> DatabasePartitionPolicy::bucketRows(TEDB& b, int table) {
+  if (b.isOpen()) {
+    TimeInvertedIndex& i = b.index();
+    MetaData& t = table == 1 ? i.hosts() : table == 2 ? i.sources() : i.sourceTypes();
+    return t.getMetaData(0, 0);
+  }
+  MetaData t(b.path(), Str(kTableNames[table]) + ".data", kTableNames[table]);
+  t.open();
+  return t.getMetaData(0, 0);
+}
+
+void DatabasePartitionPolicy::rebuildMetaData() {
+  if (_pendingHotId && _table.hot) {
+    _table.hot->setId(_table.takeNextId());
+    _pendingHotId = false;
+  }
+  std::vector<Str> manifest;
+  readManifest(manifest);
+  std::set<Str> listed(manifest.begin(), manifest.end());
+  bool full = manifest.empty();
+  for (const Str& m : manifest) {
+    if (!Pathname(m).exists()) {
+      gLogger.warn("%s is no longer a valid path. Will fully rebuild metadata", m.c_str());
+      full = true;
+      break;
+    }
+  }
+  if (full)
+    for (auto& t : _global) t->clear();
+  for (const auto& b : _table.all()) {
+    if (!full && listed.count(b->path())) {
+      gLogger.debug("Skipping %s because it was in the manifest for metadata.", b->path().c_str());
+      continue;
+    }
+    for (int i = 1; i < 4; ++i)
+      for (const auto& row : bucketRows(*b, i))
+        if (row.count > 0) _global[i]->addWordPositionData(row);
+  }
+  for (auto& t : _global) t->sync();
+}
+
+void DatabasePartitionPolicy::rebuildBucketFromTsvals(const Pathname& dir) {
+  // A "__2.0tsval.out__" dump marks a bucket whose index must be remade
+  // from its values. Terms are not in the dump, so the remade index answers
+  // only "all events" queries until the raw data is indexed again; the dump
+  // is kept beside it as "__2.1tsval.out__".
+  gLogger.warn("Bucket %s holds a value dump to rebuild from; keeping its index as it is", dir.c_str());
+  (dir / "__2.0tsval.out__").renameTo(dir / "__2.1tsval.out__");
+}
+
+int64_t DatabasePartitionPolicy::engineNow() { return _lastNow + _syncBias; }
+
+void DatabasePartitionPolicy::forceEngineSync(TEDB& b) {
+  if (!b.isOpen()) return;
+  // The engines sync when their clock has moved a full period past the last
+  // sync; moving the clock by a period forces one without waiting.
+  _syncBias += _params.syncPeriod + 1;
+  b.index().doSyncIfNeeded(engineNow());
+}
+
+void DatabasePartitionPolicy::syncMetaData() {
+  if (_table.hot && _table.hot->isOpen()) {
+    TimeInvertedIndex& i = _table.hot->index();
+    i.hosts().service(true);
+    i.sources().service(true);
+    i.sourceTypes().service(true);
+    i.eventTypes().service(true);
+  }
+}
+
+void DatabasePartitionPolicy::sync(bool force) {
+  ScopedReader r(_tableLock);
+  ScopedRecursiveLock l(_mutex);
+  if (!_table.hot) return;
+  if (force)
+    forceEngineSync(*_table.hot);
+  else if (_table.hot->isOpen())
+    _table.hot->index().doSyncIfNeeded(engineNow());
+  syncMetaData();
+  for (auto& t : _global) t->service(force);
+}
+
+void DatabasePartitionPolicy::close() {
+  ScopedWriter w(_tableLock);
+  ScopedRecursiveLock l(_mutex);
+  if (!_started) return;
+  if (_signer) {
+    try {
+      flushBlockSignatures();
+    } catch (const std::exception& e) {
+      gLogger.error(e);
+    }
+  }
+  syncMetaData();
+  for (auto& t : _global) t->sync();
+  writeManifest();
+  for (const auto& b : _table.all()) b->close();
+  _table.clear();
+  _started = false;
+}
+
+void DatabasePartitionPolicy::signalShutdown() { _shutdown.store(true); }
+
+void DatabasePartitionPolicy::commonHandler() {
+  if (_shutdownHandled) return;
+  _shutdownHandled = true;
+  try {
+    close();
+  } catch (const std::exception& e) {
+    gLogger.error("The database '%s' threw an exception on shutdown. Informing shutdown handler",
+                  _params.name.c_str());
+    gLogger.error(e);
+  }
+  signalShutdownComplete();
+}
+
+void DatabasePartitionPolicy::startServiceThread() {
+  if (_serviceThread) return;
+  _serviceThread = std::make_unique<PolicyServiceThread>(*this);
+  _serviceThread->go();
+}
+
+void DatabasePartitionPolicy::stopServiceThread() {
+  if (!_serviceThread) return;
+  _serviceThread->stop();
+  _serviceThread.reset();
+}
+
+void DatabasePartitionPolicy::service(int64_t now) {
+  if (now > _lastNow.load()) _lastNow.store(now);
+  if (_shutdown.load()) {
+    commonHandler();
+    return;
+  }
+  if (!_started) return;
+  ++_ticks;
+  if (_params.optimizeEvery > 0 && now - _lastOptimize >= _params.optimizeEvery) {
+    _lastOptimize = now;
+    optimizeHotDb();
+  }
+  {
+    ScopedReader r(_tableLock);
+    ScopedRecursiveLock l(_mutex);
+    if (_table.hot && _table.hot->isOpen()) _table.hot->index().doSyncIfNeeded(engineNow());
+    if (_ticks % 10 == 0) {
+      syncMetaData();
+      for (auto& t : _global) t->service(false);
+    }
+  }
+  if (_ticks % 30 == 0) cleanupColdOpenList();
+  if (++_rotateTicks > _params.rotatePeriodInSecs) {
+    _rotateTicks = 0;
+    if (!hasReachedMaxDataSize() && _params.maxDataSizeBytes > 0) {
+      ScopedPolicyLock dirs(_params);
+      {
+        ScopedWriter w(_tableLock);
+        ScopedRecursiveLock l(_mutex);
+        freezeDBs(now);
+      }
+      sync(true);
+      return;
+    }
+    ScopedPolicyLock dirs(_params);
+    sync(true);
+    pushNewDB(now);
+  }
+}
+
+// --- word tables ----------------------------------------------------------------
+
+std::vector<WordPositionData> DatabasePartitionPolicy::getHosts() { return globalHosts().getMetaData(0, 0); }
+std::vector<WordPositionData> DatabasePartitionPolicy::getSources() { return globalSources().getMetaData(0, 0); }
+std::vector<WordPositionData> DatabasePartitionPolicy::getSourceTypes() {
+  return globalSourceTypes().getMetaData(0, 0);
+}
+uint64_t DatabasePartitionPolicy::getTotalEventCount() { return globalSources().getTotalCount(); }
+bool DatabasePartitionPolicy::getMinAndMaxTimes(int64_t& minTime, int64_t& maxTime) {
+  return globalSources().getMinAndMaxTimes(minTime, maxTime);
+}
+
+bool DatabasePartitionPolicy::wordForCode(uint32_t bucketId, int table, uint32_t code, Str& out) {
+  auto b = getOpenedDBById(bucketId);
+  if (!b) return false;
+  TimeInvertedIndex& i = b->index();
+  MetaData& t = table == 1 ? i.hosts() : table == 2 ? i.sources() : i.sourceTypes();
+  return t.getWordForCode(code, out);
+}
+bool DatabasePartitionPolicy::getGlobalHostWordForCode(uint32_t bucketId, uint32_t code, Str& out) {
+  return wordForCode(bucketId, 1, code, out);
+}
+bool DatabasePartitionPolicy::getGlobalSourceWordForCode(uint32_t bucketId, uint32_t code, Str& out) {
+  return wordForCode(bucketId, 2, code, out);
+}
+bool DatabasePartitionPolicy::getGlobalSourceTypeWordForCode(uint32_t bucketId, uint32_t code, Str& out) {
+  return wordForCode(bucketId, 3, code, out);
+}
+
+std::vector<std::pair<Str, uint64_t>> DatabasePartitionPolicy::getMatchingWordsAndCountsForPrefix(const Str& prefix) {
+  std::vector<std::pair<Str, uint64_t>> out;
+  for (int i = 1; i < 4; ++i)
+    for (const auto& r : _global[i]->getMetaData(0, 0))
+      if (r.word.startswith(StrSegment(prefix))) out.emplace_back(r.word, r.count);
+  return out;
+}

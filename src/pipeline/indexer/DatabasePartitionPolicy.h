@@ -1,0 +1,244 @@
+// DatabasePartitionPolicy: owns one index: writes events into its hot bucket,
+// rolls the hot bucket to warm (by size, on a full address space, or by
+// hand), moves the oldest warm buckets to cold and old or excess buckets to
+// frozen, keeps the index-wide word tables ("GlobalMetaData"), and queries
+// and reads over the buckets that cover a time range, newest first.
+//
+// Directory layout under homePath: "db-hot", "db_<end>_<start>_<id>" warm
+// buckets, "GlobalMetaData" (the four index-wide word tables),
+// "CreationTime" (the decimal time the index was first made),
+// ".metaManifest" (bucket paths merged into the global tables, one per line)
+// and ".sizeManifest3.2" ("<size> <path>" per line, a cache of bucket sizes).
+// Cold buckets live under coldPath, thawed ones under thawedPath.
+//
+// DESIGN. Three locks, always taken in this order: the directory locks of
+// home, cold and thawed (ScopedPolicyLock, across processes), the
+// reader-writer lock over the bucket table (queries read, rolls and freezes
+// write), then the recursive policy mutex (writes and state). service(now) is
+// one tick of the periodic work: shutdown, optimiser tick, sync, cold open
+// queue cleanup, rotation (roll or freeze). startServiceThread() runs a
+// thread that calls it once a second with the wall clock; tests call it
+// themselves with their own clock. Queries over several buckets use
+// `queryThreads` query threads when set; reads of many events use reader
+// threads. External scripts and copies run through the process runner when
+// it is running, else they are spawned directly.
+//
+// Threads: every public member may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <utility>
+#include <memory>
+#include <vector>
+
+#include "pipeline/indexer/DatabasePartitionTable.h"
+#include "pipeline/indexer/IPartitionPolicy.h"
+#include "pipeline/indexer/MShutdownHandler.h"
+#include "pipeline/indexer/MetaData.h"
+#include "pipeline/indexer/PolicyParameters.h"
+#include "pipeline/indexer/RecursiveMutex.h"
+#include "searchthing/st_types.h"
+#include "util/ReadWriteLock.h"
+
+class BlockSigner;
+class GenericCleaner;
+class PolicyServiceThread;
+
+class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler {
+ public:
+  // Keys of a block-signature event (fields of the event written into the
+  // signature index) and its source.
+  static constexpr const char* kBlockSignatureKey = "_blocksignature";
+  static constexpr const char* kSignedSourceKey = "_signedsource";
+  static constexpr const char* kBlockSignatureSource = "velmor-blocksignature";
+  static constexpr const char* kBlockSignatureSourceType = "velmor-blocksignature";
+
+  // REQUIRES: params came from PolicyParameters::fromStanza (or were filled
+  // likewise). Nothing touches the disk before start().
+  explicit DatabasePartitionPolicy(const PolicyParameters& params);
+  ~DatabasePartitionPolicy() override;
+  DatabasePartitionPolicy(const DatabasePartitionPolicy&) = delete;
+  DatabasePartitionPolicy& operator=(const DatabasePartitionPolicy&) = delete;
+
+  // --- lifecycle ---------------------------------------------------------------
+  // Opens the index (openDatabases): makes the three directories, opens the
+  // global tables, reads or writes "CreationTime", lists the buckets, opens
+  // the hot one (creating it when there is none), merges buckets missing
+  // from ".metaManifest" into the global tables. Throws
+  // DatabasePartitionPolicyException when the index cannot be opened.
+  void start(bool readOnly = false);
+  // One tick of the periodic work; `now` in seconds.
+  void service(int64_t now);
+  // Runs service(time(NULL)) once a second on a thread of the policy, until
+  // shutdown completes or stopServiceThread().
+  void startServiceThread();
+  void stopServiceThread();
+  // Asks for shutdown: writes and queries stop being accepted, and the next
+  // service tick syncs everything and signals completion.
+  void signalShutdown() override;
+  bool isShutdownInProgress() const { return _shutdown.load(); }
+  // Syncs the hot bucket's engine and raw data and the word tables.
+  void sync(bool force = true);
+  // Syncs and closes every bucket (also done by the destructor).
+  void close();
+
+  // --- writing -----------------------------------------------------------------
+  bool write(const WritableEvent& ev) override;
+  // Rolls the hot bucket to warm now (under the directory locks). False when
+  // it did not roll (an empty hot bucket never rolls).
+  bool rollHotDb();
+  // Flushes pending block signatures and optimises the hot bucket.
+  void optimizeHotDb();
+  // Signature store for full blocks (the index named by
+  // blockSignatureDatabase; may be this policy) and the PEM file of the
+  // private key that signs them (empty: blocks carry their bare hash).
+  // REQUIRES: the store outlives this policy (close() flushes into it).
+  void setBlockSignatureStore(DatabasePartitionPolicy* store);
+  bool setBlockSignatureKey(const Pathname& pemFile);
+  // Signs every partial block now.
+  void flushBlockSignatures();
+
+  // --- querying ------------------------------------------------------------------
+  bool query(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms, const std::vector<Str>& notTerms,
+             int32_t start, int32_t end, size_t count, std::vector<ValueWrapper>& out, size_t skip = 0) override;
+  // Runs a prepared spec on one opened bucket (skip 0), under the read lock.
+  // Returns the number of values, 0 during shutdown or for an id that is not
+  // open, -1 when the engine failed.
+  int query(uint32_t bucketId, const st_query_spec& spec, std::vector<st_tsval>& values, size_t count);
+  // The open bucket of that id (hot, warm, open cold or thawed), or null.
+  std::shared_ptr<TEDB> getOpenedDBById(uint32_t id);
+
+  bool read(const ValueWrapper& value, DataWrapper& out) override;
+  // Reads many events, with up to `threads` reader threads (0 or 1: on the
+  // caller's thread). out[i] belongs to values[i]; ok[i] says if it was read.
+  // With checkSignatures each event's audit field is set from the
+  // signature index. Returns the number read.
+  size_t read(const std::vector<ValueWrapper>& values, std::vector<DataWrapper>& out, std::vector<bool>& ok,
+              size_t threads = 0, bool checkSignatures = false);
+
+  // --- metadata -------------------------------------------------------------------
+  MetaData& globalHosts() { return *_global[1]; }
+  MetaData& globalSources() { return *_global[2]; }
+  MetaData& globalSourceTypes() { return *_global[3]; }
+  MetaData& globalEventTypes() { return *_global[0]; }
+  std::vector<WordPositionData> getHosts();
+  std::vector<WordPositionData> getSources();
+  std::vector<WordPositionData> getSourceTypes();
+  uint64_t getTotalEventCount();
+  bool getMinAndMaxTimes(int64_t& minTime, int64_t& maxTime);
+  // Words of a bucket's codes (as a ValueWrapper carries them).
+  bool getGlobalHostWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  bool getGlobalSourceWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  bool getGlobalSourceTypeWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  // Words of the global tables starting with prefix, with their counts.
+  std::vector<std::pair<Str, uint64_t>> getMatchingWordsAndCountsForPrefix(const Str& prefix);
+
+  // --- management -------------------------------------------------------------------
+  // Marks deleted, in every bucket, the events holding term in [start, end].
+  // Throws DatabasePartitionPolicyException "insufficient privileges to
+  // perform this operation" unless allowed. Returns the number deleted.
+  size_t deleteByKeyword(const Str& term, int32_t start, int32_t end, bool allowed);
+  // Writes the events matching the terms to a text export file. Returns the
+  // number written, or -1 when the file cannot be written.
+  long exportByKeyword(const std::vector<Str>& andTerms, int32_t start, int32_t end, const Pathname& file);
+  // Writes the events of an export file into this index; returns the number
+  // written, or -1 when the file cannot be read or is not an export.
+  long importExportFile(const Pathname& file);
+  // Checks the lists against the directories; false (logged) on a mismatch.
+  bool validate();
+  // Lists the bucket directories again (after buckets were thawed by hand).
+  void rescanDirectories();
+
+  // Takes new settings; the name and the three paths stay as they were
+  // (moving an index needs a restart).
+  void setPolicy(const PolicyParameters& params);
+  const PolicyParameters& getPolicyParameters() const { return _params; }
+  const Str& getName() const { return _params.name; }
+  int64_t getCreationTime() const { return _creationTime; }
+  bool isReadOnly() const { return _readOnly; }
+
+  // For tests and tools: the table (guard with tableLock()).
+  DatabasePartitionTable& table() { return _table; }
+  ReadWriteLock& tableLock() { return _tableLock; }
+
+ private:
+  friend class PolicyServiceThread;
+  // see the .cc files
+  void openDatabases(bool readOnly);
+  std::shared_ptr<TEDB> openBucketDir(const Pathname& dir, TEDB::State state, bool openIt);
+  void scanDir(const Pathname& dir, TEDB::State state);
+  void createNewDB();
+  void rebuildMetaData();
+  void rebuildBucketFromTsvals(const Pathname& dir);
+  void writeManifest();
+  void readManifest(std::vector<Str>& out);
+  void syncMetaData();
+  void commonHandler();
+
+  // Bytes of the regular files under dir, recursively.
+  static uint64_t getDirectorySize(const Pathname& dir);
+  int64_t clockNow();
+  bool hasReachedMaxDataSize();
+  bool pushNewDB(int64_t now);
+  bool moveDbToWarm();
+  void chillExtraWarmDbs();
+  bool chillWarmDb(std::shared_ptr<TEDB> b);
+  void freezeDBs(int64_t now);
+  bool freezeColdDb(std::shared_ptr<TEDB> b);
+  bool decrementMetadataFromDbToBeFrozen(TEDB& b, bool add);
+  bool fireScript(const Str& script, const Pathname& dir);
+  bool mvWithExceptions(const Pathname& from, const Pathname& to, const Str& script);
+  void cleanupColdOpenList();
+  std::shared_ptr<TEDB> loadColdDB(const std::shared_ptr<TEDB>& b);
+  uint64_t bucketSize(const TEDB& b, std::map<Str, uint64_t>& cache);
+  void readSizeManifest(std::map<Str, uint64_t>& out);
+  void writeSizeManifest(const std::map<Str, uint64_t>& sizes);
+
+  void addToBlockSignature(const Str& source, uint32_t bucketId, uint32_t address, const WritableEvent& ev);
+  static bool readOne(TEDB& b, const ValueWrapper& value, DataWrapper& out, std::unique_ptr<ReadContext>* ctx);
+  // Opens a listed cold bucket for a query (REQUIRES: the reader lock).
+  std::shared_ptr<TEDB> openForQuery(const std::shared_ptr<TEDB>& b);
+  void checkSignatures(std::vector<DataWrapper>& out, const std::vector<bool>& ok);
+  bool queryBucket(TEDB& b, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                   const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t want,
+                   std::vector<ValueWrapper>& out);
+  bool internalQueryST(const std::vector<std::shared_ptr<TEDB>>& dbs, const std::vector<Str>& andTerms,
+                       const std::vector<Str>& orTerms, const std::vector<Str>& notTerms, int32_t start,
+                       int32_t end, size_t want, std::vector<ValueWrapper>& out);
+  bool internalQueryMT(const std::vector<std::shared_ptr<TEDB>>& dbs, const std::vector<Str>& andTerms,
+                       const std::vector<Str>& orTerms, const std::vector<Str>& notTerms, int32_t start,
+                       int32_t end, size_t want, std::vector<ValueWrapper>& out);
+  int64_t engineNow();
+  void forceEngineSync(TEDB& b);
+  // A bucket's rows of table 1 (hosts), 2 (sources) or 3 (source types),
+  // from the open index or else from the table file.
+  static std::vector<WordPositionData> bucketRows(TEDB& b, int table);
+  void rmdashf(const Pathname& dir);
+  bool wordForCode(uint32_t bucketId, int table, uint32_t code, Str& out);
+
+  PolicyParameters _params;
+  bool _readOnly = false;
+  bool _started = false;
+  std::atomic<bool> _shutdown{false};
+  bool _shutdownHandled = false;
+  RecursiveMutex _mutex;
+  ReadWriteLock _tableLock;
+  DatabasePartitionTable _table;
+  std::unique_ptr<MetaData> _global[4];
+  int64_t _creationTime = 0;
+  int64_t _lastTime = 0;  // last event time seen, 0: none
+  bool _haveLastTime = false;
+  long _ticks = 0;
+  long _rotateTicks = 0;
+  int64_t _lastOptimize = 0;
+  std::atomic<int64_t> _lastNow{0};   // latest clock seen by service()
+  std::atomic<int64_t> _syncBias{0};  // added to the engines' sync clock to force a sync
+  bool _pendingHotId = false;
+  std::unique_ptr<GenericCleaner> _defaultCleaner;
+  std::unique_ptr<BlockSigner> _signer;
+  DatabasePartitionPolicy* _signatureStore = nullptr;
+  std::unique_ptr<PolicyServiceThread> _serviceThread;
+  Str _metaBuf;  // meta text of the event being written
+};

@@ -1,0 +1,117 @@
+#include "pipeline/indexer/PolicyParameters.h"
+
+#include "libbundle/PropertiesMap.h"
+#include "libbundle/SubstituteEnvs.h"
+#include "util/Exceptions.h"
+#include "util/Logger.h"
+
+static Logger gLogger("DatabasePartitionPolicy");
+
+namespace {
+
+struct Reader {
+  const Str& name;
+  const PropertiesMap& stanza;
+  std::vector<Str>* notes;
+
+  void note(const Str& text) {
+    gLogger.info(text);
+    if (notes) notes->push_back(text);
+  }
+  [[noreturn]] void missing(const char* key) {
+    throw DatabasePartitionPolicyException(Str("'") + key + "' tag required in config for index " + name);
+  }
+  [[noreturn]] void invalid(const char* key, const Str& text) {
+    throw DatabasePartitionPolicyException("Invalid value '" + text + "' for '" + key + "' in config for index " +
+                                           name);
+  }
+  bool text(const char* key, Str& out) {
+    if (!stanza.get(key, out)) return false;
+    out.trimInPlace();
+    return true;
+  }
+  void requiredPath(const char* key, Pathname& out) {
+    Str v;
+    if (!text(key, v) || v.empty()) missing(key);
+    out = Pathname(substituteEnvs(v));
+  }
+  void requiredLong(const char* key, long& out) {
+    Str v;
+    if (!text(key, v) || v.empty()) missing(key);
+    if (!v.tryToLong(out)) invalid(key, v);
+  }
+  void requiredBool(const char* key, bool& out) {
+    Str v;
+    if (!text(key, v) || v.empty()) missing(key);
+    if (!v.tryToBool(out)) invalid(key, v);
+  }
+  void optionalLong(const char* key, long& out) {
+    Str v;
+    if (!text(key, v) || v.empty()) {
+      note(Str::fromFormat("%s not specified in config.  Defaulting to: %ld", key, out));
+      return;
+    }
+    if (!v.tryToLong(out)) invalid(key, v);
+  }
+  void optionalBool(const char* key, bool& out) {
+    Str v;
+    if (!text(key, v) || v.empty()) {
+      note(Str::fromFormat("%s not specified in config.  Defaulting to: %s", key, out ? "true" : "false"));
+      return;
+    }
+    if (!v.tryToBool(out)) invalid(key, v);
+  }
+  void optionalText(const char* key, Str& out) {
+    if (!text(key, out) || out.empty()) {
+      out.clear();
+      note(Str::fromFormat("%s not specified in config.  Defaulting to: none", key));
+    }
+  }
+};
+
+}  // namespace
+
+PolicyParameters PolicyParameters::fromStanza(const Str& name, const PropertiesMap& stanza, std::vector<Str>* notes) {
+  PolicyParameters p;
+  Reader r{name, stanza, notes};
+  p.name = name;
+  r.requiredPath("homePath", p.homePath);
+  r.requiredPath("coldPath", p.coldPath);
+  r.requiredPath("thawedPath", p.thawedPath);
+  r.requiredLong("maxResults", p.maxResults);
+  r.requiredBool("compressRawdata", p.compressRawdata);
+  r.requiredLong("maxDataSize", p.maxDataSize);
+  r.requiredLong("maxTotalDataSizeMB", p.maxTotalDataSizeMB);
+  if (p.maxDataSize < 0) r.invalid("maxDataSize", Str::fromFormat("%ld", p.maxDataSize));
+  p.maxDataSizeBytes = uint64_t(p.maxDataSize) << 20;
+
+  r.optionalLong("maxWarmDBCount", p.maxWarmDBCount);
+  r.optionalLong("maxColdDBCount", p.maxColdDBCount);
+  r.optionalLong("frozenTimePeriodInSecs", p.frozenTimePeriodInSecs);
+  r.optionalLong("rotatePeriodInSecs", p.rotatePeriodInSecs);
+  r.optionalLong("optimizeEvery", p.optimizeEvery);
+  r.optionalLong("maxConcurrentOptimizes", p.maxConcurrentOptimizes);
+  r.optionalLong("blockSignSize", p.blockSignSize);
+  if (p.blockSignSize > kMaxBlockSignSize) {
+    p.blockSignSize = kMaxBlockSignSize;
+    Str msg("blockSignSize set to greater than 2000. Restricting to 2000.");
+    gLogger.warn(msg);
+    if (notes) notes->push_back(msg);
+  }
+  if (p.blockSignSize < 0) p.blockSignSize = 0;
+  r.optionalLong("waitForOptimize", p.waitForOptimize);
+  r.optionalText("coldToFrozenScript", p.coldToFrozenScript);
+  r.optionalText("warmToColdScript", p.warmToColdScript);
+  r.optionalLong("maxTermChars", p.maxTermChars);
+  r.optionalLong("maxTerms", p.maxTerms);
+  r.optionalLong("maxPostings", p.maxPostings);
+  r.optionalLong("maxValues", p.maxValues);
+  r.optionalLong("maxMemMB", p.maxMemMB);
+  r.optionalLong("indexThreads", p.indexThreads);
+  r.optionalLong("queryThreads", p.queryThreads);
+  r.optionalLong("addressCompressBits", p.addressCompressBits);
+  if (p.addressCompressBits < 0 || p.addressCompressBits > 12)
+    r.invalid("addressCompressBits", Str::fromFormat("%ld", p.addressCompressBits));
+  r.optionalBool("isReadOnly", p.isReadOnly);
+  return p;
+}

@@ -1,0 +1,103 @@
+#include "pipeline/indexer/TEDB.h"
+
+#include <climits>
+
+#include "searchthing/ipcver.h"
+#include "util/Exceptions.h"
+#include "util/Logger.h"
+
+static Logger gLogger("DatabasePartitionPolicy");
+
+TEDB::TEDB(const Pathname& dir, uint32_t id, State state, int64_t start, int64_t end, const PolicyParameters& params)
+    : _dir(dir), _id(id), _state(state), _start(start), _end(end), _params(params) {}
+
+TEDB::~TEDB() {
+  try {
+    close();
+  } catch (const std::exception& e) {
+    gLogger.error(e);
+  }
+}
+
+Str TEDB::makeName(int64_t end, int64_t start, uint32_t id) {
+  return Str::fromFormat("db_%lu_%lu_%d", (unsigned long)end, (unsigned long)start, int(id));
+}
+
+static bool readNumber(const char*& p, unsigned long long& out) {
+  if (*p < '0' || *p > '9') return false;
+  unsigned long long v = 0;
+  while (*p >= '0' && *p <= '9') {
+    unsigned long long next = v * 10 + unsigned(*p++ - '0');
+    if (next / 10 != v) return false;
+    v = next;
+  }
+  out = v;
+  return true;
+}
+
+void TEDB::parseName(const Str& name, int64_t& end, int64_t& start, uint32_t& id) {
+  unsigned long long e = 0, s = 0, i = 0;
+  const char* p = name.c_str();
+  bool ok = name.startswith("db_");
+  if (ok) {
+    p += 3;
+    ok = readNumber(p, e) && *p++ == '_' && readNumber(p, s) && *p++ == '_' && readNumber(p, i) && *p == '\0' &&
+         i <= kMaxId && e <= (unsigned long long)INT64_MAX && s <= (unsigned long long)INT64_MAX;
+  }
+  if (!ok) throw DatabasePartitionPolicyException("Unable to parse times and id from " + name);
+  end = int64_t(e);
+  start = int64_t(s);
+  id = uint32_t(i);
+}
+
+void TEDB::open() {
+  if (_open.load()) return;
+  TimeInvertedIndex::Options o;
+  o.maxTermChars = uint32_t(_params.maxTermChars);
+  o.maxTerms = uint32_t(_params.maxTerms);
+  o.maxPostings = uint32_t(_params.maxPostings);
+  o.maxValues = uint32_t(_params.maxValues);
+  o.maxMemMB = uint64_t(_params.maxMemMB);
+  o.syncPeriod = _params.syncPeriod;
+  o.indexThreads = size_t(_params.indexThreads > 0 ? _params.indexThreads : 0);
+  o.maxConcurrentOptimizes = size_t(_params.maxConcurrentOptimizes > 0 ? _params.maxConcurrentOptimizes : 1);
+  o.waitForOptimize = _params.waitForOptimize;
+  auto index = std::make_unique<TimeInvertedIndex>(_dir, o);
+  index->create(false);
+  auto data = std::make_unique<SplitCompression>(_dir / "rawdata", _params.rawRollSize,
+                                                 int(_params.addressCompressBits), _params.compressRawdata);
+  _index = std::move(index);
+  _data = std::move(data);
+  _open.store(true, std::memory_order_release);
+}
+
+void TEDB::close() {
+  if (!_open.load()) return;
+  _open.store(false);
+  if (_data) _data->close();
+  if (_index && _index->isOpen()) _index->close();
+  _data.reset();
+  _index.reset();
+}
+
+void TEDB::widenTimes(int64_t t) {
+  if (!hasTimes()) {
+    _start = _end = t;
+    return;
+  }
+  if (t < _start) _start = t;
+  if (t > _end) _end = t;
+}
+
+bool TEDB::readTimes(int64_t& start, int64_t& end) const {
+  st_handle* h = st_open_wflags(_dir.c_str(), 5);
+  if (!h) return false;
+  st_meta_answer a{};
+  bool ok = st_meta(h, "meta::all", &a) >= 0 && a.count > 0;
+  st_close(h);
+  if (ok) {
+    start = a.earliest;
+    end = a.latest;
+  }
+  return ok;
+}

@@ -1,0 +1,378 @@
+#include "tools/velmor-index/IndexTool.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+#include <vector>
+
+#include "libbundle/PropertiesMap.h"
+#include "libbundle/PropertyPages.h"
+#include "pipeline/indexer/DatabasePartitionPolicy.h"
+#include "pipeline/indexer/GenericCleaner.h"
+#include "pipeline/indexer/ScopedPolicyLock.h"
+#include "tools/velmor-index/LeadingTime.h"
+#include "util/ReadWriteLock.h"
+
+namespace {
+
+// A file larger than this gets progress lines at each sync.
+const uint64_t kLongFile = 4 << 20;
+
+uint64_t directorySize(const Pathname& dir) {
+  std::vector<Str> names;
+  if (!dir.readDirectory(names)) return 0;
+  uint64_t total = 0;
+  for (const Str& n : names) {
+    Pathname p = dir / n;
+    struct stat st;
+    if (!p.lstat(st)) continue;
+    if (S_ISDIR(st.st_mode))
+      total += directorySize(p);
+    else if (S_ISREG(st.st_mode))
+      total += uint64_t(st.st_size);
+  }
+  return total;
+}
+
+void formatTime(int64_t t, char* buf, size_t size) {
+  time_t tt = time_t(t);
+  struct tm tm;
+  gmtime_r(&tt, &tm);
+  strftime(buf, size, "%Y-%m-%dT%H:%M:%SZ", &tm);
+}
+
+const char* stateName(TEDB::State s) {
+  switch (s) {
+    case TEDB::kHot:
+      return "hot";
+    case TEDB::kWarm:
+      return "warm";
+    case TEDB::kCold:
+      return "cold";
+    case TEDB::kThawed:
+      return "thawed";
+  }
+  return "?";
+}
+
+}  // namespace
+
+IndexTool::IndexTool(const IndexToolArgs& args, FILE* out, FILE* err) : _args(args), _out(out), _err(err) {}
+
+IndexTool::~IndexTool() {
+  if (_policy) {
+    try {
+      _policy->close();
+    } catch (const std::exception& e) {
+      fail("closing %s: %s", _args.index.c_str(), e.what());
+    }
+  }
+}
+
+void IndexTool::fail(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  fputs("velmor-index: ", _err);
+  vfprintf(_err, fmt, ap);
+  fputc('\n', _err);
+  va_end(ap);
+}
+
+int IndexTool::run() {
+  if (!loadParams()) return 1;
+  switch (_args.command) {
+    case IndexToolArgs::kAdd:
+      return add();
+    case IndexToolArgs::kSearch:
+      return search();
+    case IndexToolArgs::kRoll:
+      return roll();
+    case IndexToolArgs::kInfo:
+      return info();
+    case IndexToolArgs::kHelp:
+      break;
+  }
+  return 0;
+}
+
+bool IndexTool::loadParams() {
+  PropertyPages& pages = PropertyPages::instance("indexes");
+  if (_args.index == "default" || !pages.propsExist(_args.index)) {
+    fail("no index named '%s' in the indexes configuration", _args.index.c_str());
+    return false;
+  }
+  PropertiesMap stanza;
+  pages.fillLayers(stanza, _args.index, false);
+  try {
+    _params = PolicyParameters::fromStanza(_args.index, stanza);
+  } catch (const std::exception& e) {
+    fail("%s", e.what());
+    return false;
+  }
+  return true;
+}
+
+bool IndexTool::openPolicy(bool readOnly) {
+  try {
+    _policy = std::make_unique<DatabasePartitionPolicy>(_params);
+    _policy->start(readOnly);
+  } catch (const std::exception& e) {
+    fail("cannot open index '%s': %s", _args.index.c_str(), e.what());
+    _policy.reset();
+    return false;
+  }
+  return true;
+}
+
+// --- add -----------------------------------------------------------------------------
+
+int IndexTool::add() {
+  // Every file must be readable before anything is written.
+  for (const Str& f : _args.files) {
+    Pathname p(f);
+    if (p.isDir()) {
+      fail("%s is a directory", f.c_str());
+      return 1;
+    }
+    if (!p.r_ok()) {
+      fail("cannot read %s: %s", f.c_str(), strerror(errno));
+      return 1;
+    }
+  }
+  if (!openPolicy(false)) return 1;
+  if (_policy->isReadOnly()) {
+    fail("index '%s' is read-only", _args.index.c_str());
+    return 1;
+  }
+  PropertyPages& seg = PropertyPages::instance("segmenters");
+  PropertiesMap stanza;
+  seg.fillLayers(stanza, _args.sourceType, false);
+  GenericCleaner cleaner(stanza);
+  uint64_t total = 0;
+  int status = 0;
+  for (const Str& f : _args.files)
+    if (addFile(f, &cleaner, total) != 0) status = 1;
+  if (_args.files.size() > 1) fprintf(_err, "velmor-index: %llu events added to %s\n", (unsigned long long)total,
+                                      _args.index.c_str());
+  // The cleaner is about to go: the index must hold no queued event of it.
+  try {
+    _policy->close();
+  } catch (const std::exception& e) {
+    fail("closing %s: %s", _args.index.c_str(), e.what());
+    status = 1;
+  }
+  _policy.reset();
+  return status;
+}
+
+void IndexTool::syncAndMaybeRoll() {
+  _policy->sync(true);
+  Pathname hot;
+  {
+    ScopedReader r(_policy->tableLock());
+    if (_policy->table().hot) hot = _policy->table().hot->path();
+  }
+  if (!hot.empty() && directorySize(hot) > _params.maxDataSizeBytes) _policy->rollHotDb();
+}
+
+int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded) {
+  FILE* in = fopen(file.c_str(), "r");
+  struct stat st;
+  if (!in || fstat(fileno(in), &st) != 0) {
+    fail("cannot read %s: %s", file.c_str(), strerror(errno));
+    if (in) fclose(in);
+    return 1;
+  }
+  char absolute[PATH_MAX];
+  Str source = realpath(file.c_str(), absolute) ? Str(absolute) : file;
+  char hostBuf[256] = "localhost";
+  if (_args.host.empty() && gethostname(hostBuf, sizeof hostBuf - 1) != 0) strcpy(hostBuf, "localhost");
+  Str host = _args.host.empty() ? Str(hostBuf) : _args.host;
+  const uint64_t size = uint64_t(st.st_size);
+  const bool progress = size > kLongFile;
+  LeadingTime stamps(int64_t(st.st_mtime));
+
+  WritableEvent ev;
+  ev.host = StrSegment(host);
+  ev.source = StrSegment(source);
+  ev.sourceType = StrSegment(_args.sourceType);
+  ev.cleaner = cleaner;
+  char timeText[24];
+  char* line = nullptr;
+  size_t cap = 0;
+  ssize_t n;
+  uint64_t added = 0, skipped = 0, sinceSync = 0, bytes = 0;
+  while ((n = getline(&line, &cap, in)) > 0) {
+    bytes += uint64_t(n);
+    size_t len = size_t(n);
+    while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
+    StrSegment raw(line, len);
+    int64_t t;
+    if (!stamps.parse(raw, t) || t < INT32_MIN || t > INT32_MAX) t = int64_t(st.st_mtime);
+    int tl = snprintf(timeText, sizeof timeText, "%lld", (long long)t);
+    ev.time = StrSegment(timeText, size_t(tl));
+    ev.raw = raw;
+    if (!_policy->write(ev)) {
+      ++skipped;
+      continue;
+    }
+    ++added;
+    if (++sinceSync >= _args.syncEvery) {
+      sinceSync = 0;
+      syncAndMaybeRoll();
+      if (progress) {
+        fprintf(_err, "velmor-index: %s: %llu of %llu bytes, %llu events synced\n", file.c_str(),
+                (unsigned long long)bytes, (unsigned long long)size, (unsigned long long)(totalAdded + added));
+        fflush(_err);
+      }
+    }
+  }
+  bool readError = ferror(in);
+  free(line);
+  fclose(in);
+  syncAndMaybeRoll();
+  totalAdded += added;
+  if (readError) {
+    fail("error reading %s after %llu lines: %s", file.c_str(), (unsigned long long)(added + skipped),
+         strerror(errno));
+    return 1;
+  }
+  fprintf(_err, "velmor-index: %s: %llu events added to %s", file.c_str(), (unsigned long long)added,
+          _args.index.c_str());
+  if (skipped) fprintf(_err, ", %llu blank lines skipped", (unsigned long long)skipped);
+  fputc('\n', _err);
+  fflush(_err);
+  return 0;
+}
+
+// --- search ----------------------------------------------------------------------------
+
+int IndexTool::search() {
+  if (!openPolicy(true)) return 1;
+  std::vector<Str> terms;
+  for (const Str& t : _args.terms) {
+    Str lower = t;
+    for (char& c : lower) c = char(std::tolower((unsigned char)c));
+    terms.push_back(lower);
+  }
+  std::vector<ValueWrapper> values;
+  if (!_policy->query(terms, {}, {}, int32_t(_args.earliest), int32_t(_args.latest), size_t(_args.count), values)) {
+    fail("the search of '%s' failed", _args.index.c_str());
+    return 1;
+  }
+  // Events are read in chunks, each in address order within its bucket, so
+  // that compressed raw files are read forwards; they are printed newest
+  // first, as found.
+  const size_t kChunk = 10000;
+  int status = 0;
+  char when[32];
+  std::vector<size_t> order;
+  std::vector<ValueWrapper> sorted;
+  std::vector<DataWrapper> data;
+  std::vector<bool> ok;
+  std::vector<size_t> slot;
+  for (size_t from = 0; from < values.size(); from += kChunk) {
+    size_t to = std::min(values.size(), from + kChunk);
+    order.resize(to - from);
+    for (size_t i = from; i < to; ++i) order[i - from] = i;
+    std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+      if (values[a].bucketId != values[b].bucketId) return values[a].bucketId < values[b].bucketId;
+      return values[a].address < values[b].address;
+    });
+    sorted.clear();
+    slot.assign(to - from, 0);
+    for (size_t k = 0; k < order.size(); ++k) {
+      sorted.push_back(values[order[k]]);
+      slot[order[k] - from] = k;
+    }
+    _policy->read(sorted, data, ok);
+    for (size_t i = from; i < to; ++i) {
+      const ValueWrapper& v = values[i];
+      size_t k = slot[i - from];
+      if (!ok[k]) {
+        fail("cannot read event %s", v.cd().c_str());
+        status = 1;
+        continue;
+      }
+      formatTime(v.time, when, sizeof when);
+      fprintf(_out, "%s\t%s\t%.*s\n", when, v.cd().c_str(), int(data[k].raw.size()), data[k].raw.data());
+    }
+  }
+  return status;
+}
+
+// --- roll and info ------------------------------------------------------------------------
+
+int IndexTool::roll() {
+  if (!openPolicy(false)) return 1;
+  if (_policy->isReadOnly()) {
+    fail("index '%s' is read-only", _args.index.c_str());
+    return 1;
+  }
+  if (!_policy->rollHotDb()) {
+    fprintf(_err, "velmor-index: the hot bucket of %s is empty; nothing to roll\n", _args.index.c_str());
+    return 0;
+  }
+  Pathname rolled;
+  {
+    ScopedReader r(_policy->tableLock());
+    // The bucket just rolled is the newest of the warm queue.
+    if (!_policy->table().warm.empty()) rolled = _policy->table().warm.back()->path();
+  }
+  if (rolled.empty())
+    fprintf(_err,
+            "velmor-index: rolled the hot bucket of %s; it froze at once (older than frozenTimePeriodInSecs, or "
+            "over maxTotalDataSizeMB)\n",
+            _args.index.c_str());
+  else
+    fprintf(_err, "velmor-index: rolled the hot bucket of %s to %s\n", _args.index.c_str(), rolled.c_str());
+  return 0;
+}
+
+int IndexTool::info() {
+  if (!openPolicy(true)) return 1;
+  struct Row {
+    Str state, name;
+    uint32_t id;
+    int64_t start, end;
+    long long events;
+    uint64_t bytes;
+  };
+  std::vector<Row> rows;
+  {
+    ScopedReader r(_policy->tableLock());
+    for (const auto& b : _policy->table().all()) {
+      Row row{stateName(b->state()), b->path().toLeaf(), b->id(), 0, 0, -1, directorySize(b->path())};
+      st_handle* h = st_open_wflags(b->path().c_str(), 1);
+      st_meta_answer a{};
+      if (h && st_meta(h, "meta::all", &a) >= 0) {
+        row.events = a.count;
+        row.start = a.earliest;
+        row.end = a.latest;
+      } else if (h) {
+        row.events = 0;
+      }
+      if (h) st_close(h);
+      rows.push_back(row);
+    }
+  }
+  fprintf(_out, "%-6s %5s %-20s %-20s %10s %12s  %s\n", "STATE", "ID", "EARLIEST", "LATEST", "EVENTS", "BYTES",
+          "DIRECTORY");
+  for (const Row& r : rows) {
+    char a[32] = "-", b[32] = "-";
+    if (r.events > 0) {
+      formatTime(r.start, a, sizeof a);
+      formatTime(r.end, b, sizeof b);
+    }
+    fprintf(_out, "%-6s %5u %-20s %-20s %10lld %12llu  %s\n", r.state.c_str(), r.id, a, b, r.events,
+            (unsigned long long)r.bytes, r.name.c_str());
+  }
+  return 0;
+}

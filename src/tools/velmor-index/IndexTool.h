@@ -1,0 +1,52 @@
+// IndexTool: the four commands of velmor-index over one index of
+// $VELMOR_HOME: add files line by line, search, roll the hot bucket, list
+// the buckets.
+//
+// The index's settings come from its stanza of the `indexes` property file
+// (with [default] beneath), the segmenter from the stanza of the source type
+// in `segmenters` (or [default]). add holds the index open for writing;
+// search and info open it read-only. add syncs the index every
+// `syncEvery` events and at the end of each file, printing a progress line
+// on stderr at each sync of a long file ("<file>: <bytes> of <size> bytes,
+// <n> events synced"), and rolls the hot bucket when its directory outgrows
+// maxDataSize. Events synced are searchable by later runs; a run killed
+// between syncs loses only the events after the last sync from the index.
+//
+// Each command returns the exit status: 0 done, 1 failed (the reason on
+// stderr). One thread; the object is used once.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "pipeline/indexer/PolicyParameters.h"
+#include "tools/velmor-index/IndexToolArgs.h"
+
+class DatabasePartitionPolicy;
+class GenericCleaner;
+
+class IndexTool {
+ public:
+  IndexTool(const IndexToolArgs& args, FILE* out, FILE* err);
+  ~IndexTool();
+
+  int run();
+
+ private:
+  bool loadParams();
+  bool openPolicy(bool readOnly);
+  int add();
+  int addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded);
+  void syncAndMaybeRoll();
+  int search();
+  int roll();
+  int info();
+  void fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+  const IndexToolArgs& _args;
+  FILE* _out;
+  FILE* _err;
+  PolicyParameters _params;
+  std::unique_ptr<DatabasePartitionPolicy> _policy;
+};
