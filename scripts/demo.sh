@@ -105,9 +105,36 @@ index_sample() {
   done
 }
 
+# Searches the CSV of web requests with velmor-search: the server errors,
+# their size in KB, the slowest first, one per client, the top ten, written
+# back with outputcsv (usexml=true, so the tool prints the rows as XML).
+search_csv_demo() {
+  local search out
+  search='| inputcsv sample_access.csv | where status >= 500 | eval kb = round(bytes / 1024.0, 1) | sort -duration'
+  search="$search | dedup clientip | head 10 | fields clientip status method uri kb duration"
+  search="$search | outputcsv usexml=true top_errors"
+  out="$VELMOR_HOME/var/run/velmor/top_errors.csv"
+  echo "== Searching the web requests with velmor-search"
+  echo "   velmor-search '$search'"
+  rm -f "$out"
+  "$BUILD/bin/velmor-search" "$search" nointernal > "$VELMOR_HOME/var/run/velmor/top_errors.out" 2>&1 || true
+  if [ ! -s "$out" ]; then
+    echo "demo: the search wrote no $out; its output was:" >&2
+    sed 's/^/   /' "$VELMOR_HOME/var/run/velmor/top_errors.out" >&2
+    exit 1
+  fi
+  echo "   first lines of $out ($(($(wc -l < "$out") - 1)) rows):"
+  head -n 4 "$out" | cut -c1-150 | sed 's/^/     /'
+  echo "   rows printed by velmor-search (the _xml of outputcsv):"
+  grep -v -e '^INFO - ' -e '^DEBUG - ' -e '^WARN - ' -e '^Using logging configuration' -e '^$' \
+    "$VELMOR_HOME/var/run/velmor/top_errors.out" | head -n 14 | cut -c1-150 | sed 's/^/     /'
+  rm -f "$VELMOR_HOME/var/run/velmor/top_errors.out"
+}
+
 find_tools
 layout_home
 generate_samples
 summarise
 show_config
 index_sample
+search_csv_demo

@@ -22,6 +22,7 @@ struct Tables {
   Mutex mutex;
   std::map<Str, Entry> registered;
   std::map<Str, Entry> builtin;
+  SearchFactory::Fallback fallback = nullptr;
 };
 
 Tables& tables() {
@@ -49,6 +50,12 @@ void SearchFactory::registerBuiltin(const Str& name, Factory factory, bool inter
   t.builtin[lowerStr(name)] = Entry{factory, internalOnly};
 }
 
+void SearchFactory::setFallback(Fallback fallback) {
+  Tables& t = tables();
+  ScopedLock lock(t.mutex);
+  t.fallback = fallback;
+}
+
 void SearchFactory::unregister(const Str& name) {
   Tables& t = tables();
   ScopedLock lock(t.mutex);
@@ -71,7 +78,15 @@ bool SearchFactory::isProcessorRegistered(const Str& name, bool allowInternal) {
 SearchProcessor* SearchFactory::getProcessor(const Str& name, bool allowInternal) {
   Str lower = lowerStr(name);
   if (Factory f = getMappedProcessor(lower, allowInternal)) return f(lower);
-  // External scripts ("script:<name>") are looked up here once the script
-  // runner is available; until then such names are unknown like any other.
+  Fallback fallback;
+  {
+    Tables& t = tables();
+    ScopedLock lock(t.mutex);
+    fallback = t.fallback;
+  }
+  if (fallback) {
+    Str bare = lower.startswith("script:") ? lower.substr(7) : lower;
+    if (SearchProcessor* p = fallback(bare)) return p;
+  }
   throw SearchProcessorException("Unknown search operation: '" + lower + "'");
 }

@@ -33,4 +33,10 @@ class SearchFactory {
   static bool isProcessorRegistered(const Str& name, bool allowInternal);
   // The factory for the name, or null.
   static Factory getMappedProcessor(const Str& name, bool allowInternal);
+
+  // The last resort for a name neither table knows (and for "script:<name>",
+  // with the prefix removed): answers a new command or null. The command
+  // library installs the external-script lookup here; null removes it.
+  typedef SearchProcessor* (*Fallback)(const Str& name);
+  static void setFallback(Fallback fallback);
 };

@@ -129,10 +129,13 @@ void SearchParser::_setArgumentText(Str& text, Str& args) {
       args += run;
       continue;
     }
-    // A bar preceded by a backslash is protected like any other byte.
+    // A bar preceded by a backslash is protected like any other byte, and
+    // "||" is the concatenation operator of expressions, not two pipes.
     size_t bar = std::string::npos;
     for (size_t i = 0; i < run.size(); ++i) {
       if (run[i] == '\\') {
+        ++i;
+      } else if (run[i] == '|' && i + 1 < run.size() && run[i + 1] == '|') {
         ++i;
       } else if (run[i] == '|') {
         bar = i;
@@ -173,7 +176,7 @@ SearchPipeline* SearchParser::_parseQuery(const ArgList& groups, bool allowInter
     stripBlanks(text);
     if (text.empty()) continue;
     pipeline->appendSearch(text);
-    if (text.startswith('|')) {
+    if (text.startswith('|') && !(current && text.startswith("||"))) {
       text.erase(0, 1);
       current = nullptr;
     } else if (current) {

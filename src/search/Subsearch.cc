@@ -8,6 +8,7 @@
 #include "loaderinfo/LoaderInfo.h"
 #include "search/ProcessorArg.h"
 #include "search/ResultsArg.h"
+#include "search/ResultsFormatter.h"
 #include "search/SL.h"
 #include "search/SLLimits.h"
 #include "search/SearchProcessor.h"
@@ -98,29 +99,8 @@ Str Subsearch::rowsToSearch(SearchResults& rows) {
   sr_index_t q = rows.keyIndex(SL::Query);
   const Str* first = q ? rows.front()->getValuePtr(q) : nullptr;
   if (first) return *first;
-  std::vector<Str> names;
-  rows.getColumnOrder(names);
-  Str out = "(";
-  bool firstRow = true;
-  for (SearchResult* r : rows) {
-    Str terms;
-    for (const Str& n : names) {
-      if (n.startswith('_')) continue;
-      const Str* v = r->getValuePtr(rows.keyIndex(n));
-      if (!v) continue;
-      if (!terms.empty()) terms += " AND ";
-      Str quoted = *v;
-      replaceAllString(quoted, "\\", "\\\\");
-      replaceAllString(quoted, "\"", "\\\"");
-      terms += n + "=\"" + quoted + "\"";
-    }
-    if (terms.empty()) continue;
-    out += firstRow ? " ( " : " OR ( ";
-    firstRow = false;
-    out += terms + " )";
-  }
-  out += " )";
-  return out;
+  // What `format` with its defaults would put into _query.
+  return ResultsFormatter().format(rows);
 }
 
 void Subsearch::waitForResults(const Pathname& dir, unsigned long timeoutSecs, SearchResults& out) {

@@ -40,7 +40,7 @@ class Subsearch {
   static void setDispatchRoot(const Pathname& root);
 
   // The text for rows: the first row's "_query" if it has one, else
-  // "( ( k="v" AND ... ) OR ( ... ) )" over the rows' public fields.
+  // the text of `format` with its defaults (ResultsFormatter).
   static Str rowsToSearch(SearchResults& rows);
 
   // Second-reader wait on an existing job directory; fills `out` or throws.

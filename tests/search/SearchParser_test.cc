@@ -95,6 +95,13 @@ TEST_F(SearchParserTest, CommandsAndArgumentText) {
       {"search [search b", "search{}"},
       {"eval x=1 | search a=\"b c\"", "eval{x=1 } ; search{a=\"b c\"}"},
       {"prestats count", "prestats{count}"},
+      // "||" concatenates inside an expression; it never ends the command.
+      {"eval y = \"a\" || x | head 1", "eval{y = \"a\" || x } ; head{1}"},
+      {"eval y = a||b||c", "eval{y = a||b||c}"},
+      {"eval y = [search q] || x | head", "eval{y =|[search{q}]||| x } ; head{}"},
+      {"eval y = \"a|b\" || \"|\" | head", "eval{y = \"a|b\" || \"|\" } ; head{}"},
+      // Bars pair from the left: the third one ends the command.
+      {"search a ||| head", "search{a ||} ; head{}"},
   };
   for (const Case& c : cases) {
     Str got;

@@ -185,9 +185,11 @@ bool Evaluation::step(Str& out) {
 void Evaluation::prepare_statement(SearchResults& results) {
   prepare();
   _keyIdx.assign(_fields.size(), SearchResults::nkeyindex);
-  for (size_t i = 0; i < _fields.size(); ++i)
-    _keyIdx[i] = SearchResults::isInternalField(_fields[i]) ? results.internalKeyIndex(_fields[i], false)
-                                                            : results.keyIndex(_fields[i]);
+  for (size_t i = 0; i < _fields.size(); ++i) {
+    auto alias = _aliases.find(_fields[i]);
+    const Str& f = alias == _aliases.end() ? _fields[i] : alias->second;
+    _keyIdx[i] = SearchResults::isInternalField(f) ? results.internalKeyIndex(f, false) : results.keyIndex(f);
+  }
   _rowVals.assign(_fields.size(), nullptr);
 }
 

@@ -15,6 +15,7 @@
 // Owns its sqlite3 handle and statement. One thread at a time.
 #pragma once
 
+#include <map>
 #include <vector>
 
 #include "util/Exceptions.h"
@@ -39,6 +40,9 @@ class Evaluation {
   // Compiles the SQL and resolves every field to a key index of `results`
   // (0 when unknown, which binds NULL). Throws on a bad expression.
   void prepare_statement(SearchResults& results);
+  // Makes the expression word `word` stand for the field `field` when
+  // fields are resolved (for names that cannot be written as one word).
+  void setFieldAlias(const Str& word, const Str& field) { _aliases[word] = field; }
   // Evaluates for one row. False (and `out` emptied) for a NULL answer.
   // REQUIRES: prepare_statement() called; else throws "Invalid eval
   // expression".
@@ -62,4 +66,5 @@ class Evaluation {
   std::vector<Str> _fields;     // parameter i+1 is field _fields[i]
   std::vector<size_t> _keyIdx;  // key index of each field in the prepared results
   std::vector<const Str*> _rowVals;  // scratch of evaluate(), reused per row
+  std::map<Str, Str> _aliases;       // expression word -> field name
 };

@@ -1,15 +1,23 @@
 #include "search/processors/SearchCommands.h"
 
 #include "search/SearchFactory.h"
+#include "search/processors/AbstractOperator.h"
 #include "search/processors/ConversionProcessor.h"
 #include "search/processors/DedupOperator.h"
 #include "search/processors/EvalOperator.h"
+#include "search/processors/FileCommands.h"
 #include "search/processors/FillNullProcessor.h"
+#include "search/processors/FormatResultsProcessor.h"
 #include "search/processors/HeadProcessor.h"
+#include "search/processors/HighlightCommand.h"
+#include "search/processors/LocalizeOperator.h"
+#include "search/processors/MapOperator.h"
+#include "search/processors/PageOperator.h"
 #include "search/processors/RegexOperator.h"
 #include "search/processors/RenameOperator.h"
 #include "search/processors/ReplaceProcessor.h"
 #include "search/processors/SelectOperator.h"
+#include "search/processors/SetProcessor.h"
 #include "search/processors/SortProcessor.h"
 #include "search/processors/StringConcatProcessor.h"
 #include "search/processors/TotalsProcessor.h"
@@ -34,4 +42,14 @@ void SearchCommands::registerAll() {
   SearchFactory::registerBuiltin("replace", &ReplaceProcessor::create, false);
   SearchFactory::registerBuiltin("strcat", &StringConcatProcessor::create, false);
   SearchFactory::registerBuiltin("addtotals", &TotalsProcessor::create, false);
+  for (const char* n : {"abstract", "excerpt"})
+    SearchFactory::registerBuiltin(n, &AbstractOperator::create, false);
+  for (const char* n : {"highlight", "hilite"})
+    SearchFactory::registerBuiltin(n, &HighlightCommand::create, false);
+  SearchFactory::registerBuiltin("format", &FormatResultsProcessor::create, false);
+  SearchFactory::registerBuiltin("set", &SetProcessor::create, false);
+  SearchFactory::registerBuiltin("map", &MapOperator::create, false);
+  SearchFactory::registerBuiltin("page", &PageOperator::create, false);
+  SearchFactory::registerBuiltin("localize", &LocalizeOperator::create, false);
+  FileCommands::registerAll();
 }

@@ -6,6 +6,7 @@
 
 #include "RowTestUtil.h"
 #include "search/processors/EvalOperator.h"
+#include "search/processors/WhereOperator.h"
 
 namespace {
 
@@ -110,18 +111,63 @@ TEST(WhereEvalCommandTest, SearchTextToRows) {
   for (auto& c : cases) EXPECT_EQ(runRows(c.search, rows), c.want) << c.search;
 }
 
-// `||` cannot pass the pipeline parser unquoted, so the command is built here.
 TEST(WhereEvalCommandTest, ConcatenationWithMissingFieldRemovesDestination) {
-  EvalOperator e("eval");
-  e.addArgument(new StringArg("y = \"a\" || x", false, false));
-  SearchResultsInfo info;
-  e.evalArgs(info);
-  e.processArguments();
   SearchResults rs;
+  SearchResultsInfo info;
   rowtest::addRows(rs, {{{"x", "b"}, {"y", "old"}}, {{"y", "old"}}});
-  e.execute(rs, info);
-  EXPECT_EQ(rowtest::collect(rs), (std::vector<std::string>{"x=b y=ab", ""}));
+  ASSERT_EQ(rowtest::run("eval y = \"a\" || x | eval z = \"|\" || \"|\"", rs, info), "");
+  EXPECT_EQ(rowtest::collect(rs), (std::vector<std::string>{"x=b y=ab z=||", "z=||"}));
   EXPECT_EQ(EvalOperator::cleanFieldName(" \"a'b\x01\" "), "ab_");
+}
+
+// Names the expression cannot read as one word are rewritten to aliases;
+// quoted text, even when it spells such a name, must come through as it is.
+TEST(WhereEvalCommandTest, FieldNameRewriteLeavesQuotedTextAlone) {
+  std::vector<Row> rows = {{{"bytes-in", "5"}, {"msg", "bytes-in > 3"}},
+                           {{"bytes-in", "2"}, {"msg", "x"}},
+                           {{"bytes-in", "9"}, {"msg", "bytes-in"}}};
+  struct Case {
+    const char* search;
+    std::vector<std::string> want;
+  } cases[] = {
+      {"where bytes-in > 3 AND msg != \"bytes-in\"", {"bytes-in=5 msg=bytes-in > 3"}},
+      {"where msg = \"bytes-in > 3\"", {"bytes-in=5 msg=bytes-in > 3"}},
+      {"where msg = 'bytes-in' and bytes-in>8", {"bytes-in=9 msg=bytes-in"}},
+      {"where msg = \"bytes-\" || \"in\"", {"bytes-in=9 msg=bytes-in"}},
+  };
+  for (const Case& c : cases) {
+    SearchResults rs;
+    SearchResultsInfo info;
+    rowtest::addRows(rs, rows);
+    ASSERT_EQ(rowtest::run(c.search, rs, info), "") << c.search;
+    EXPECT_EQ(rowtest::collect(rs), c.want) << c.search;
+  }
+}
+
+TEST(WhereEvalCommandTest, QuoteMarkersRoundTrip) {
+  struct Case {
+    const char* text;
+    const char* is;
+  } cases[] = {
+      {"a = \"x\" or b = 'y'", "a = XxX\"x\"YyY or b = XxX'y'YyY"},
+      {"\"a\\\"b\" \"\"", "XxX\"a\\\"b\"YyY XxX\"\"YyY"},
+      {"x = \"q\"\"YyY\"", "x = XxX\"q\"\"YyY\"YyY"},
+      {"'it''s'", "XxX'it''s'YyY"},
+      {"\"open", "XxX\"open"},
+      {"\"", "XxX\""},
+      {"\"\\\"", "XxX\"\\\""},
+      {"XxX = 1", "XxX = 1"},
+  };
+  for (const Case& c : cases) {
+    Str is = WhereOperator::protectQuoted(c.text);
+    EXPECT_EQ(is, c.is) << c.text;
+    EXPECT_EQ(WhereOperator::unprotectQuoted(is), c.text) << c.text;
+  }
+  Str t = WhereOperator::protectQuoted("c-ip = \"c-ip\" || c-ipx || a.c-ip || c-ip");
+  EXPECT_TRUE(WhereOperator::rewriteFieldNames(t, {"c-ip"}));
+  EXPECT_EQ(WhereOperator::unprotectQuoted(t), "__where_f0 = \"c-ip\" || c-ipx || a.c-ip || __where_f0");
+  Str none = WhereOperator::protectQuoted("x = \"c-ip\"");
+  EXPECT_FALSE(WhereOperator::rewriteFieldNames(none, {"c-ip"}));
 }
 
 TEST(WhereEvalCommandTest, SpilledEqualsInMemory) {
