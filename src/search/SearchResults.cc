@@ -295,6 +295,11 @@ void SearchResults::append(const SearchResults& other, size_t start, size_t coun
 void SearchResults::free(bool keepKeys) {
   deleteRows();
   if (keepKeys) return;
+  dropSchema();
+  dropFileBookkeeping();
+}
+
+void SearchResults::dropSchema() {
   _keyMap.clear();
   _internalKeyMap.clear();
   _maxKeyIndex = 0;
@@ -302,6 +307,9 @@ void SearchResults::free(bool keepKeys) {
   _tokenizers.clear();
   _tokenizerLooked.clear();
   _mvIndex.clear();
+}
+
+void SearchResults::dropFileBookkeeping() {
   _files.clear();
   _fileCursor = 0;
   _currentDeleted = false;
@@ -310,7 +318,9 @@ void SearchResults::free(bool keepKeys) {
 
 void SearchResults::usurp(SearchResults& other, bool rowsOnly) {
   if (this == &other) return;
-  free(false);
+  // With rowsOnly our spill files stay ours: only rows and caches move.
+  deleteRows();
+  dropSchema();
   std::list<SearchResult*>::swap(other);
   for (SearchResult* r : *this) r->setParent(this);
   _keyMap.swap(other._keyMap);
@@ -320,6 +330,7 @@ void SearchResults::usurp(SearchResults& other, bool rowsOnly) {
   _tokenizerLooked.swap(other._tokenizerLooked);
   _mvIndex.swap(other._mvIndex);
   if (!rowsOnly) {
+    dropFileBookkeeping();
     _files.swap(other._files);
     std::swap(_fileCursor, other._fileCursor);
     std::swap(_currentDeleted, other._currentDeleted);

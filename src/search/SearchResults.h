@@ -207,6 +207,8 @@ class SearchResults : public std::list<SearchResult*> {
   size_t writeHeaderAndRows(FileStar* f, Str* out, const std::vector<Str>& names,
                             const std::vector<sr_index_t>& inds, bool header, bool stripCR) const;
   void deleteRows();
+  void dropSchema();           // dictionaries, tokenizer and multi-value caches
+  void dropFileBookkeeping();  // the spill file list and cursor
   void copyFrom(const SearchResults& other, bool copyRows);
   void removeTempDirs();
   // Writes all rows (header included) over `path`; false on failure.

@@ -58,6 +58,26 @@ TEST(Spill, WalkGivesTheSameRowsAsMemory) {
   EXPECT_EQ(walk(spilled), rows);  // writeFile kept the files intact
 }
 
+// Taking another set's rows into the current chunk (rowsOnly) must leave
+// the chunk chain alone; a full usurp takes the other's chain instead.
+TEST(Spill, UsurpOfRowsKeepsTheChunkChain) {
+  searchtest::ScratchDir dir;
+  SearchResults spilled;
+  spill(spilled, dir, numbered(9), 3);
+  spilled.firstFile();
+  ASSERT_TRUE(spilled.readFile());
+  SearchResults replacement;
+  searchtest::addRows(replacement, {Row{{"m", "new"}}});
+  spilled.usurp(replacement, true);
+  EXPECT_EQ(spilled.getFiles().size(), 3u);
+  EXPECT_EQ(rowsOf(spilled), (std::vector<Row>{Row{{"m", "new"}}}));
+
+  SearchResults whole;
+  whole.usurp(spilled);
+  EXPECT_EQ(whole.getFiles().size(), 3u);
+  EXPECT_TRUE(spilled.getFiles().empty());
+}
+
 TEST(Spill, EmptiedChunkIsDeletedWithoutSkippingTheNext) {
   searchtest::ScratchDir dir;
   SearchResults rs;

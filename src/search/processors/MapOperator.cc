@@ -83,12 +83,6 @@ void MapOperator::execute(SearchResults& results, SearchResultsInfo& info) {
       if (got) out.append(*got);
     }
   }
-  // Replace rows and fields but keep the chunk chain of a spilled set (which
-  // free(false) and usurp would forget).
-  results.free(true);
-  std::vector<Str> names;
-  for (const auto& kv : results.getKeyMap()) names.push_back(kv.first);
-  for (const auto& kv : results.getInternalKeyMap()) names.push_back(kv.first);
-  for (const Str& n : names) results.removeKey(n);
-  results.append(out);
+  // Rows and fields are replaced; the chunk chain of a spilled set stays.
+  results.usurp(out, true);
 }
