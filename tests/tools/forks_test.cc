@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -21,6 +22,7 @@ namespace {
 
 const std::string kTsidx = VELMOR_BINARY_DIR "/bin/velmor-tsidx";
 const std::string kSearch = VELMOR_BINARY_DIR "/bin/velmor-search";
+const std::string kIndex = VELMOR_BINARY_DIR "/bin/velmor-index";
 
 // One process or thread creation seen in a trace.
 struct Creation {
@@ -210,6 +212,32 @@ TEST_F(ForksTest, SearchToolCreatesOnlyTheRunnerAndThreads) {
   int threads = 0;
   EXPECT_EQ(checkOnlyTheRunnerForks(&threads), 0);
   EXPECT_GE(threads, 1);
+}
+
+
+// The indexing tool: a file big enough to roll the raw data makes a gzip
+// run in the background, and a search opens forked query handles; both
+// are started by the runner.
+TEST_F(ForksTest, IndexToolStartsGzipAndQueryChildrenThroughTheRunner) {
+  if (access(kIndex.c_str(), X_OK) != 0) GTEST_SKIP() << "velmor-index not built";
+  const std::string home = dir + "/home";
+  ASSERT_EQ(system((VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + home + " >/dev/null").c_str()), 0);
+  const std::string log = dir + "/big.log";
+  {
+    std::ofstream f(log);
+    for (int i = 0; i < 60000; ++i)
+      f << "user=u" << i % 97 << " action=read object=/data/file" << i << " status=ok "
+        << std::string(150, 'x') << "\n";
+  }
+  const std::vector<std::string> env = {"VELMOR_HOME=" + home, "VELMOR_DB=" + home + "/var/lib/velmor/db"};
+  std::string out;
+  ASSERT_EQ(run({kIndex, "add", "main", log}, true, env, &out), 0) << slurp(dir + "/err");
+  int threads = 0;
+  EXPECT_GE(checkOnlyTheRunnerForks(&threads), 1);  // at least the gzip of the rolled raw file
+
+  ASSERT_EQ(run({kIndex, "search", "main", "u42", "--count", "100000"}, true, env, &out), 0) << slurp(dir + "/err");
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 60000 / 97 + 1);
+  EXPECT_GE(checkOnlyTheRunnerForks(&threads), 1);  // the forked query handle
 }
 
 }  // namespace

@@ -4,10 +4,6 @@
 // Every function here but cleanupColdOpenList expects the caller to hold the
 // directory locks, the table's writer lock and the policy mutex (or, for
 // loadColdDB, the reader lock and the mutex).
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,9 +12,6 @@
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
 #include "util/ExternalProcessGroup.h"
 #include "util/Logger.h"
-#include "util/ProcessRunner.h"
-
-extern char** environ;
 
 static Logger gLogger("DatabasePartitionPolicy");
 
@@ -27,38 +20,14 @@ namespace {
 const char* const kSizeManifest = ".sizeManifest3.2";
 const size_t kMaxFreezeKeys = 100000;
 
-// Runs "/bin/sh -c command", through the process runner when it is up, and
-// waits. True on exit status 0; `how` describes the end.
+// Runs "/bin/sh -c command" (through the process runner when it is up, a
+// direct spawn otherwise) and waits. True on exit status 0; `how`
+// describes the end.
 bool runShell(const Str& command, Str& how) {
-  if (ProcessRunnerPid() > 0) {
-    ExternalProcessGroup group;
-    ExternalProcessStatus st = group.startViaShell(command).getStatus(true);
-    how = st.describeStatus();
-    return st.statusOk();
-  }
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-  char sh[] = "/bin/sh", c[] = "-c";
-  Str cmd = command;
-  char* argv[] = {sh, c, cmd.data(), nullptr};
-  pid_t pid;
-  int rc = posix_spawn(&pid, "/bin/sh", &fa, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&fa);
-  if (rc != 0) {
-    how = Str::fromFormat("child failed to start: %s", strerror(rc));
-    return false;
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (WIFEXITED(status)) {
-    how = Str::fromFormat("exited with code %d", WEXITSTATUS(status));
-    return WEXITSTATUS(status) == 0;
-  }
-  how = Str::fromFormat("killed by signal %d", WTERMSIG(status));
-  return false;
+  ExternalProcessGroup group;
+  ExternalProcessStatus st = group.startOrSpawn({Str("/bin/sh"), Str("-c"), command}).getStatus(true);
+  how = st.describeStatus();
+  return st.statusOk();
 }
 
 }  // namespace

@@ -4,12 +4,14 @@
 //
 // Start-up: SIGPIPE ignored, the command line read (bad usage exits 2
 // before anything else), LoaderInfo and logging (messages go to the log
-// file of log-cmdline.cfg), the main Thread object; then the command runs.
+// file of log-cmdline.cfg), the main Thread object, the process runner
+// (engine query children, gzip, the optimiser); then the command runs.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "loaderinfo/LoaderInfo.h"
+#include "pipeline/indexer/EngineRunnerScope.h"
 #include "tools/velmor-index/IndexTool.h"
 #include "tools/velmor-index/IndexToolArgs.h"
 #include "util/MainThread.h"
@@ -41,6 +43,7 @@ int main(int argc, char** argv) {
   MThread mainThread;
   int status;
   {
+    EngineRunnerScope runner;  // before the first thread: background work forks through it
     IndexTool tool(args, stdout, stderr);
     status = tool.run();
   }

@@ -10,23 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "pipeline/indexer/EngineRunnerScope.h"
 #include "searchthing/ipcver.h"
-#include "util/ProcessRunner.h"
 
 namespace {
-
-// The process runner for the life of a command: a forked engine handle
-// starts its child through it, so this process forks only the runner.
-struct EngineRunnerScope {
-  EngineRunnerScope() {
-    ProcessRunnerInit(nullptr, Pathname());
-    st_set_forkwait_helpers(ProcessRunnerForkHelper, ProcessRunnerWaitHelper);
-  }
-  ~EngineRunnerScope() {
-    st_set_forkwait_helpers(nullptr, nullptr);
-    ProcessRunnerFini(nullptr);
-  }
-};
 
 const char kUsage[] =
     "usage: velmor-tsidx COMMAND DIR [ARGS...]\n"
