@@ -273,14 +273,11 @@ void DatabasePartitionPolicy::rebuildBucketFromTsvals(const Pathname& dir) {
   (dir / "__2.0tsval.out__").renameTo(dir / "__2.1tsval.out__");
 }
 
-int64_t DatabasePartitionPolicy::engineNow() { return _lastNow + _syncBias; }
+int64_t DatabasePartitionPolicy::engineNow() { return _lastNow; }
 
 void DatabasePartitionPolicy::forceEngineSync(TEDB& b) {
   if (!b.isOpen()) return;
-  // The engines sync when their clock has moved a full period past the last
-  // sync; moving the clock by a period forces one without waiting.
-  _syncBias += _params.syncPeriod + 1;
-  b.index().doSyncIfNeeded(engineNow());
+  b.index().sync(engineNow());
 }
 
 void DatabasePartitionPolicy::syncMetaData() {

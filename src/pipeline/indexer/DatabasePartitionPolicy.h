@@ -210,7 +210,7 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   bool internalQueryMT(const std::vector<std::shared_ptr<TEDB>>& dbs, const std::vector<Str>& andTerms,
                        const std::vector<Str>& orTerms, const std::vector<Str>& notTerms, int32_t start,
                        int32_t end, size_t want, std::vector<ValueWrapper>& out);
-  int64_t engineNow();
+  int64_t engineNow();  // the clock the engines sync by: the latest tick's
   void forceEngineSync(TEDB& b);
   // A bucket's rows of table 1 (hosts), 2 (sources) or 3 (source types),
   // from the open index or else from the table file.
@@ -234,7 +234,6 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   long _rotateTicks = 0;
   int64_t _lastOptimize = 0;
   std::atomic<int64_t> _lastNow{0};   // latest clock seen by service()
-  std::atomic<int64_t> _syncBias{0};  // added to the engines' sync clock to force a sync
   bool _pendingHotId = false;
   std::unique_ptr<GenericCleaner> _defaultCleaner;
   std::unique_ptr<BlockSigner> _signer;

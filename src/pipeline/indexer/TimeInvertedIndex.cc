@@ -171,6 +171,14 @@ bool TimeInvertedIndex::doSyncIfNeeded(int64_t now) {
   return true;
 }
 
+bool TimeInvertedIndex::sync(int64_t now) {
+  ScopedLock l(_mutex);
+  if (!_handle) return false;
+  Locked_sync();
+  _lastSync = now;
+  return true;
+}
+
 bool TimeInvertedIndex::getValues(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
                                   const std::vector<Str>& notTerms, int32_t start, int32_t end, uint32_t capacity,
                                   int64_t now, std::vector<st_tsval>& out) {

@@ -86,6 +86,9 @@ class TimeInvertedIndex {
   // Flushes when the sync period has passed since the last flush (or the
   // open). `now` in seconds. True when a flush ran.
   bool doSyncIfNeeded(int64_t now);
+  // Flushes now, whatever the period; `now` restarts the period. False when
+  // the index is not open.
+  bool sync(int64_t now);
 
   // Values of events in [start, end] that hold every AND term, at least one
   // OR term (when there are any) and no NOT term; no terms at all finds every
