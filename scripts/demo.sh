@@ -81,28 +81,67 @@ show_config() {
   "$BUILD/bin/velmor-conf" --layers limits search | sed 's/^/   /'
 }
 
-# Indexes the words of one sample log into a fresh index directory with the
-# engine's shell tool, then counts a few words both through the index and
-# with grep, which must agree.
-index_sample() {
-  local log dir terms
-  log=$(awk -F'\t' '$4 == "auth_log" { print $1; exit }' "$MANIFEST")
-  case "$log" in /*) ;; *) log="$SAMPLES_DIR/$log" ;; esac
-  dir="$VELMOR_DB/demo-engine"
-  rm -rf "$dir"
-  mkdir -p "$dir"
-  echo "== Indexing $(basename "$(dirname "$log")")/$(basename "$log") with velmor-tsidx"
-  local start end
+# Indexes every sample log into the index "demo" with velmor-index (small
+# buckets, so that some roll), rolls the hot bucket, lists the buckets and
+# searches a few words, each counted both by the index and by grep.
+index_demo() {
+  local tool="$BUILD/bin/velmor-index" conf="$VELMOR_HOME/etc/bundles/local/indexes.conf"
+  local log="$VELMOR_HOME/var/log/velmor/index_demo.log"
+  if [ ! -x "$tool" ]; then
+    echo "demo: $tool not found; build first (make build)" >&2
+    exit 1
+  fi
+  if ! grep -qx '\[demo\]' "$conf" 2>/dev/null; then
+    cat >> "$conf" <<'EOF'
+
+[demo]
+homePath = $VELMOR_DB/demo/db
+coldPath = $VELMOR_DB/demo/colddb
+thawedPath = $VELMOR_DB/demo/thaweddb
+maxResults = 100000
+compressRawdata = true
+# small buckets, so that the demo shows some rolling
+maxDataSize = 16
+maxTotalDataSizeMB = 500000
+maxWarmDBCount = 100
+# the sample events are days old: keep them
+frozenTimePeriodInSecs = 2147483647
+EOF
+  fi
+  rm -rf "$VELMOR_DB/demo"
+  echo "== Indexing the sample logs into the index 'demo' with velmor-index"
+  local start end path lines bytes type host files=0 total=0
   start=$(date +%s.%N)
-  awk 'BEGIN { t = 1763251200 }
-       { line = tolower($0); gsub(/[^a-z0-9_]+/, " ", line);
-         printf "%d %d %s\n", t + NR, NR, line }' "$log" | "$BUILD/bin/velmor-tsidx" put-file "$dir" -
+  : > "$log"
+  while IFS=$'\t' read -r path lines bytes type; do
+    case "$path" in /*) ;; *) path="$SAMPLES_DIR/$path" ;; esac
+    host=$(basename "$(dirname "$path")")
+    "$tool" add demo "$path" --host "$host" --sourcetype "$type" 2>> "$log" || {
+      cat "$log" >&2
+      exit 1
+    }
+    files=$((files + 1))
+    total=$((total + lines))
+  done < "$MANIFEST"
   end=$(date +%s.%N)
-  printf '   %s lines indexed in %.2f s into %s\n' "$(wc -l < "$log")" "$(awk -v a="$start" -v b="$end" 'BEGIN { print b - a }')" "$dir"
-  for w in failed accepted invalid sudo; do
-    printf '   %-9s index: %6s   grep -ciw: %6s\n' "$w" \
-      "$("$BUILD/bin/velmor-tsidx" query "$dir" --count "$w")" "$(grep -ciw -- "$w" "$log" || true)"
+  awk -v a="$start" -v b="$end" -v n="$total" -v f="$files" \
+    'BEGIN { printf "   %d lines of %d files in %.1f s (%.0f events/s)\n", n, f, b - a, n / (b - a) }'
+  echo "== Rolling the hot bucket and listing the buckets"
+  "$tool" roll demo 2>&1 | sed 's/^velmor-index: /   /'
+  "$tool" info demo | sed 's/^/   /'
+  echo "== Searching: events found by the index and lines counted by grep -ciw"
+  local w all
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
+  for w in failed error timeout refused; do
+    # shellcheck disable=SC2086
+    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$("$tool" search demo "$w" --count 100000 | wc -l)" \
+      "$(cat $all | grep -ciw -- "$w" || true)"
   done
+  echo "== The three newest events holding both 'failed' and 'password'"
+  "$tool" search demo failed password --count 3 | cut -c1-150 | sed 's/^/   /'
+  echo "== Events of one hour on one host: --earliest/--latest and a host:: term"
+  printf '   web-01, 2026-11-18 14:00-15:00: %s events\n' \
+    "$("$tool" search demo host::web-01 --earliest 2026-11-18T14:00:00Z --latest 2026-11-18T14:59:59Z --count 100000 | wc -l)"
 }
 
 # Searches the CSV of web requests with velmor-search: the server errors,
@@ -136,5 +175,5 @@ layout_home
 generate_samples
 summarise
 show_config
-index_sample
+index_demo
 search_csv_demo
