@@ -10,6 +10,10 @@
 #include <ctime>
 #include <set>
 
+#include "framework/ReadContext.h"
+#include "framework/SplitCompression.h"
+#include "pipeline/indexer/IndexableValue.h"
+#include "pipeline/indexer/TimeInvertedIndex.h"
 #include "libbundle/PropertiesMap.h"
 #include "pipeline/indexer/BlockSigner.h"
 #include "pipeline/indexer/GenericCleaner.h"
@@ -264,13 +268,97 @@ void DatabasePartitionPolicy::rebuildMetaData() {
   for (auto& t : _global) t->sync();
 }
 
+namespace {
+
+// The indexed part of a stored meta text: a signature is appended to the
+// last token as "::<signature>", so a last token with two "::" loses its
+// second one and what follows.
+StrSegment indexedMeta(const Str& meta) {
+  size_t lastSpace = meta.rfind(' ');
+  size_t tokenStart = lastSpace == Str::npos ? 0 : lastSpace + 1;
+  size_t first = meta.find("::", tokenStart);
+  size_t second = first == Str::npos ? Str::npos : meta.find("::", first + 2);
+  return StrSegment(meta.data(), second == Str::npos ? meta.size() : second);
+}
+
+bool isSliceName(const Str& name) { return name.endswith(".tsidx"); }
+
+}  // namespace
+
+// A "__2.0tsval.out__" dump lists every value of a bucket whose slices must
+// be remade. Terms are not in the dump, so each value's event is read back
+// from the raw data at its address and segmented again; times and codes
+// come from the dump. The new slices are built in "rebuild.tmp" and only
+// then replace the old ones; the dump is renamed "__2.1tsval.out__" last,
+// so a crash at any point leads to the whole rebuild running again. Values
+// marked deleted stay out. Extra indexed fields of the original events are
+// not in the raw data and are not restored.
 void DatabasePartitionPolicy::rebuildBucketFromTsvals(const Pathname& dir) {
-  // A "__2.0tsval.out__" dump marks a bucket whose index must be remade
-  // from its values. Terms are not in the dump, so the remade index answers
-  // only "all events" queries until the raw data is indexed again; the dump
-  // is kept beside it as "__2.1tsval.out__".
-  gLogger.warn("Bucket %s holds a value dump to rebuild from; keeping its index as it is", dir.c_str());
-  (dir / "__2.0tsval.out__").renameTo(dir / "__2.1tsval.out__");
+  const Pathname dump = dir / "__2.0tsval.out__";
+  const Pathname work = dir / "rebuild.tmp";
+  std::vector<st_tsval> values;
+  if (!TimeInvertedIndex::importTsvals(dump, values)) {
+    gLogger.error("Unable to read the value dump %s; the bucket keeps its index as it is", dump.c_str());
+    return;
+  }
+  gLogger.info("Rebuilding the index of %s from %zu values", dir.c_str(), values.size());
+  work.removeRecursive();
+  if (!work.mkdir_p()) {
+    gLogger.error("Unable to create directory %s; the bucket keeps its index as it is", work.c_str());
+    return;
+  }
+  size_t indexed = 0, unreadable = 0;
+  {
+    TimeInvertedIndex::Options o;
+    o.maxTermChars = uint32_t(_params.maxTermChars);
+    o.maxTerms = uint32_t(_params.maxTerms);
+    o.maxPostings = uint32_t(_params.maxPostings);
+    o.maxValues = uint32_t(_params.maxValues);
+    o.maxMemMB = uint64_t(_params.maxMemMB);
+    TimeInvertedIndex index(work, o);
+    index.create(true);
+    SplitCompression data(dir / "rawdata", _params.rawRollSize, int(_params.addressCompressBits),
+                          _params.compressRawdata);
+    std::unique_ptr<ReadContext> ctx;
+    Str raw, meta;
+    int32_t stored = 0;
+    for (const st_tsval& v : values) {
+      if (v.source == ST_DELETED_SOURCE) continue;
+      if (!data.read(int64_t(v.address), raw, meta, stored, &ctx)) {
+        ++unreadable;
+        continue;
+      }
+      IndexableValue value(_defaultCleaner.get(), nullptr);
+      value.setTime(v.time);
+      value.setAddress(v.address);
+      value.setCodes(v.host, v.source, v.source_type);
+      IndexableEvent ev;
+      ev.meta = indexedMeta(meta);
+      ev.raw = StrSegment(raw.data(), raw.size());
+      index.index(value, ev);
+      ++indexed;
+    }
+    data.close();
+    index.close();
+  }
+  if (unreadable > 0)
+    gLogger.warn("%zu values of %s have no readable event in the raw data and are left out", unreadable, dir.c_str());
+  std::vector<Str> names;
+  bool ok = dir.readDirectory(names) && work.exists();
+  for (const Str& n : names)
+    if (ok && isSliceName(n) && !(dir / n).unlink()) ok = false;
+  std::vector<Str> rebuilt;
+  if (ok) ok = work.readDirectory(rebuilt);
+  for (const Str& n : rebuilt)
+    if (ok && isSliceName(n) && !(work / n).renameTo(dir / n)) ok = false;
+  if (!ok) {
+    gLogger.error("Unable to put the rebuilt index of %s in place; the rebuild runs again at the next start",
+                  dir.c_str());
+    return;
+  }
+  work.removeRecursive();
+  dump.renameTo(dir / "__2.1tsval.out__");
+  gLogger.info("Rebuilt the index of %s: %zu events", dir.c_str(), indexed);
 }
 
 int64_t DatabasePartitionPolicy::engineNow() { return _lastNow; }

@@ -1,4 +1,5 @@
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
+#include "pipeline/indexer/TimeInvertedIndex.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -296,6 +297,55 @@ TEST_F(PolicyTest, ReopenAfterCrashFindsSyncedEventsOnce) {
     ASSERT_TRUE(reopened.rollHotDb());
     EXPECT_EQ(found(reopened, {"u3"}).size(), 50u);
   }
+}
+
+// A bucket holding a value dump is re-indexed from its raw data at start:
+// with every slice gone, the events are found again by their words, the
+// dump is marked done and the work directory is gone. A dump that cannot
+// be read leaves the bucket as it is, to be tried again.
+TEST_F(PolicyTest, ValueDumpRebuildsALostIndex) {
+  Pathname live = root / "live";
+  Pathname bucket;
+  {
+    DatabasePartitionPolicy policy(params(live));
+    policy.start();
+    for (int i = 0; i < 300; ++i) ASSERT_TRUE(put(policy, i));
+    ASSERT_TRUE(policy.rollHotDb());
+    ScopedReader r(policy.tableLock());
+    ASSERT_EQ(policy.table().warm.size(), 1u);
+    bucket = policy.table().warm.front()->path();
+  }
+  {
+    TimeInvertedIndex index(bucket, TimeInvertedIndex::Options());
+    index.create(false);
+    ASSERT_TRUE(index.exportTsvals(bucket / "__2.0tsval.out__", 0));
+    index.close();
+  }
+  std::vector<Str> names;
+  ASSERT_TRUE(bucket.readDirectory(names));
+  size_t slices = 0;
+  for (const Str& n : names)
+    if (n.endswith(".tsidx") && (bucket / n).unlink()) ++slices;
+  ASSERT_GT(slices, 0u);
+
+  // Cut short, the dump is refused and stays for the next start.
+  ASSERT_TRUE((bucket / "__2.0tsval.out__").copyTo(root / "dump"));
+  ASSERT_TRUE((bucket / "__2.0tsval.out__").truncate(20));
+  {
+    DatabasePartitionPolicy reopened(params(live));
+    reopened.start();
+    EXPECT_TRUE(found(reopened, {"u3"}).empty());
+  }
+  EXPECT_TRUE((bucket / "__2.0tsval.out__").exists());
+
+  ASSERT_TRUE((root / "dump").renameTo(bucket / "__2.0tsval.out__"));
+  DatabasePartitionPolicy reopened(params(live));
+  reopened.start();
+  EXPECT_EQ(found(reopened, {"u3"}), newestFirst(0, 300, [](int i) { return i % 10 == 3; }));
+  EXPECT_EQ(found(reopened, {"host::web1", "201"}), newestFirst(0, 300, [](int i) { return i % 3 == 1 || i == 201; }));
+  EXPECT_FALSE((bucket / "__2.0tsval.out__").exists());
+  EXPECT_TRUE((bucket / "__2.1tsval.out__").exists());
+  EXPECT_FALSE((bucket / "rebuild.tmp").exists());
 }
 
 // Shutdown is finished by the service tick (here the policy's own thread):
