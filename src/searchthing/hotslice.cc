@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 static bool is_good_hash_size(uint32_t max_terms) { return max_terms > 256 && (max_terms & 1) == 0; }
 
 st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32_t max_postings,
@@ -66,8 +68,9 @@ static inline bool term_equal(const char* stored, const char* term, size_t len) 
 // Slot of the term: its own, or the empty one where it would go.
 static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len, uint32_t key) {
   const uint32_t size = 2 * h->max_terms;
+  const uint32_t hash = key;
   st_hot_term_slot* s = &h->term_hash[key % size];
-  if (!s->text || term_equal(s->text, term, len)) return s;
+  if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   uint32_t step = 2347;
   for (size_t i = 0; i < len; ++i) step = step * 64 + (uint32_t)(int32_t)(signed char)term[i] + (step << 16) - step;
   if (!(step & 1)) step += 1;
@@ -77,7 +80,7 @@ static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len
   for (uint32_t probes = 0;; ++probes) {
     key += probes < size ? step : 1;
     s = &h->term_hash[key % size];
-    if (!s->text || term_equal(s->text, term, len)) return s;
+    if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   }
 }
 
@@ -118,7 +121,7 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
 
   st_hot_term_slot* slot = find_term(h, term, len, key);
   if (slot->text) {
-    if (slot->head && slot->head->value->address == address) return 0;
+    if (slot->head && h->values[slot->head->value_row].address == address) return 0;
     st_hot_term_stats* st = &h->stats[slot->term_no];
     st->count++;
     if (time < st->earliest) st->earliest = time;
@@ -133,6 +136,7 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
     st->earliest = st->latest = time;
     slot->text = text;
     slot->head = NULL;
+    slot->key = key;
     slot->term_no = h->terms_used++;
   }
 
@@ -148,7 +152,8 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
     *vs = v;
   }
   st_hot_posting* node = &h->postings[h->postings_used++];
-  node->value = *vs;
+  node->value_row = (uint32_t)(*vs - h->values);
+  node->term_no = slot->term_no;
   node->next = slot->head;
   slot->head = node;
   return 0;
@@ -165,13 +170,8 @@ void st_hot_slice_reset(st_hot_slice* h) {
   h->prepared = 0;
 }
 
-static int list_head_compare(const void* a, const void* b) {
-  return strcmp(((const st_hot_term_slot*)a)->text, ((const st_hot_term_slot*)b)->text);
-}
-
-static int int_compare(const void* a, const void* b) {
-  uint32_t x = *(const uint32_t*)a, y = *(const uint32_t*)b;
-  return x < y ? -1 : x > y;
+static bool slot_text_less(const st_hot_term_slot& a, const st_hot_term_slot& b) {
+  return strcmp(a.text, b.text) < 0;
 }
 
 int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, uint32_t* num_values,
@@ -191,15 +191,36 @@ int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, ui
     for (size_t i = 0; i < tsize; ++i)
       if (h->term_hash[i].text) h->term_hash[nt++] = h->term_hash[i];
     memset(h->term_hash + nt, 0, (tsize - nt) * sizeof(st_hot_term_slot));
-    qsort(h->term_hash, nt, sizeof(st_hot_term_slot), list_head_compare);
+    std::sort(h->term_hash, h->term_hash + nt, slot_text_less);
 
-    uint32_t pos = 0, last_before = 0;
+    // Scatter the postings, read in array order, into one run per term in
+    // sorted term order; a term's run is as long as its count of postings.
+    // postings_per_term serves as the write cursor per term number until the
+    // compaction below fills it with the final lengths.
+    uint32_t* cursor = h->postings_per_term;
+    uint32_t start = 0;
+    for (size_t t = 0; t < nt; ++t) {
+      const uint32_t term_no = h->term_hash[t].term_no;
+      cursor[term_no] = start;
+      start += h->stats[term_no].count;
+    }
+    assert(start == h->postings_used);
+    for (uint32_t i = 0; i < h->postings_used; ++i) {
+      const st_hot_posting* p = &h->postings[i];
+      h->flat_postings[cursor[p->term_no]++] = h->value_numbers[p->value_row];
+    }
+
+    // Sort and deduplicate each run, moving it down over the room the
+    // duplicates of earlier runs left.
+    uint32_t pos = 0, last_before = 0, begin = 0;
     for (size_t t = 0; t < nt; ++t) {
       h->sorted_terms[t] = h->term_hash[t].text;
+      const uint32_t n = h->stats[h->term_hash[t].term_no].count;
+      uint32_t* src = h->flat_postings + begin;
+      begin += n;
+      std::sort(src, src + n);
       uint32_t* run = h->flat_postings + pos;
-      uint32_t n = 0;
-      for (st_hot_posting* p = h->term_hash[t].head; p; p = p->next) run[n++] = h->value_numbers[p->value - h->values];
-      qsort(run, n, sizeof(uint32_t), int_compare);
+      if (run != src) memmove(run, src, sizeof(uint32_t) * n);
       last_before = n;
       uint32_t u = n ? 1 : 0;
       for (uint32_t i = 1; i < n; ++i)

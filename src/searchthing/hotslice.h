@@ -19,8 +19,11 @@ typedef struct st_hot_term_stats {
   int32_t latest;
 } st_hot_term_stats;
 
+// One (term, value) pair; the postings of a term are chained newest first,
+// and prepare reads the array in order through the two row numbers.
 typedef struct st_hot_posting {
-  st_tsval* value;
+  uint32_t value_row;  // row in values
+  uint32_t term_no;    // row in term statistics
   struct st_hot_posting* next;
 } st_hot_posting;
 
@@ -29,6 +32,7 @@ typedef struct st_hot_term_slot {
   const char* text;
   st_hot_posting* head;
   uint32_t term_no;  // row in term statistics
+  uint32_t key;      // hash of the text, compared before the text itself
 } st_hot_term_slot;
 
 // Working row of the slice writer: reversed text and its forward term number.

@@ -153,6 +153,9 @@ class Pathname : public Str {
   // type is st_mode & S_IFMT (S_IFREG, S_IFDIR, ...), symbolic links followed.
   bool getFileType(mode_t& type) const;
   bool getSize(uint64_t& size) const;
+  // Bytes of the regular files at or below this path, symbolic links not
+  // followed; unreadable parts count 0.
+  uint64_t treeSize() const;
   bool getMtime(Timeval& mtime) const;
   bool isDir() const;
   bool isFile() const;

@@ -161,6 +161,18 @@ bool Pathname::getFileType(mode_t& type) const {
   return true;
 }
 
+uint64_t Pathname::treeSize() const {
+  struct stat st;
+  if (!lstat(st)) return 0;
+  if (S_ISREG(st.st_mode)) return uint64_t(st.st_size);
+  if (!S_ISDIR(st.st_mode)) return 0;
+  std::vector<Str> names;
+  if (!readDirectory(names)) return 0;
+  uint64_t total = 0;
+  for (const Str& n : names) total += (*this / n).treeSize();
+  return total;
+}
+
 bool Pathname::getSize(uint64_t& size) const {
   struct stat st;
   if (!stat(st)) return false;

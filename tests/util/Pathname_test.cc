@@ -272,6 +272,11 @@ TEST_F(PathnameFs, CopyRemoveAndLinksOverATree) {
   EXPECT_TRUE((dir / "outside").removeRecursive());
   EXPECT_TRUE(src.isDir());
 
+  // Sizes add up the regular files only; the link to a file counts nothing.
+  EXPECT_EQ(dst.treeSize(), 100003u);
+  EXPECT_EQ((dst / "top.txt").treeSize(), 3u);
+  EXPECT_EQ((dir / "missing").treeSize(), 0u);
+
   EXPECT_TRUE(dst.removeRecursive());
   EXPECT_FALSE(dst.exists());
   EXPECT_FALSE(dst.removeRecursive());  // nothing there

@@ -32,21 +32,7 @@ bool runShell(const Str& command, Str& how) {
 
 }  // namespace
 
-uint64_t DatabasePartitionPolicy::getDirectorySize(const Pathname& dir) {
-  std::vector<Str> names;
-  if (!dir.readDirectory(names)) return 0;
-  uint64_t total = 0;
-  for (const Str& n : names) {
-    Pathname p = dir / n;
-    struct stat st;
-    if (!p.lstat(st)) continue;
-    if (S_ISDIR(st.st_mode))
-      total += getDirectorySize(p);
-    else if (S_ISREG(st.st_mode))
-      total += uint64_t(st.st_size);
-  }
-  return total;
-}
+uint64_t DatabasePartitionPolicy::getDirectorySize(const Pathname& dir) { return dir.treeSize(); }
 
 void DatabasePartitionPolicy::rmdashf(const Pathname& dir) {
   if (!dir.removeRecursive() && dir.exists())

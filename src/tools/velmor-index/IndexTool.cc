@@ -25,22 +25,6 @@ namespace {
 // A file larger than this gets progress lines at each sync.
 const uint64_t kLongFile = 4 << 20;
 
-uint64_t directorySize(const Pathname& dir) {
-  std::vector<Str> names;
-  if (!dir.readDirectory(names)) return 0;
-  uint64_t total = 0;
-  for (const Str& n : names) {
-    Pathname p = dir / n;
-    struct stat st;
-    if (!p.lstat(st)) continue;
-    if (S_ISDIR(st.st_mode))
-      total += directorySize(p);
-    else if (S_ISREG(st.st_mode))
-      total += uint64_t(st.st_size);
-  }
-  return total;
-}
-
 void formatTime(int64_t t, char* buf, size_t size) {
   time_t tt = time_t(t);
   struct tm tm;
@@ -179,7 +163,7 @@ void IndexTool::syncAndMaybeRoll() {
     ScopedReader r(_policy->tableLock());
     if (_policy->table().hot) hot = _policy->table().hot->path();
   }
-  if (!hot.empty() && directorySize(hot) > _params.maxDataSizeBytes) _policy->rollHotDb();
+  if (!hot.empty() && hot.treeSize() > _params.maxDataSizeBytes) _policy->rollHotDb();
 }
 
 int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded) {
@@ -349,7 +333,7 @@ int IndexTool::info() {
   {
     ScopedReader r(_policy->tableLock());
     for (const auto& b : _policy->table().all()) {
-      Row row{stateName(b->state()), b->path().toLeaf(), b->id(), 0, 0, -1, directorySize(b->path())};
+      Row row{stateName(b->state()), b->path().toLeaf(), b->id(), 0, 0, -1, b->path().treeSize()};
       st_handle* h = st_open_wflags(b->path().c_str(), 1);
       st_meta_answer a{};
       if (h && st_meta(h, "meta::all", &a) >= 0) {
