@@ -14,6 +14,7 @@
 #include <sstream>
 
 #include "../SearchTestUtil.h"
+#include "RowTestUtil.h"
 #include "search/SearchParser.h"
 #include "search/SearchProcessor.h"
 #include "search/SearchResults.h"
@@ -63,6 +64,32 @@ inline std::string runFresh(const std::string& search, SearchResults& rs, Search
     return e.what();
   }
   return "";
+}
+
+// One row of a command table: search text, input rows, and the expected
+// rowtest::collect() lines, or a single entry holding the expected message.
+struct CommandCase {
+  const char* search;
+  std::vector<Row> in;
+  std::vector<std::string> out;
+};
+
+// Runs each case on a fresh set of its input rows; `lastInfo`, when given,
+// receives the info of the last case.
+inline void runCommandCases(const std::vector<CommandCase>& cases, SearchResultsInfo* lastInfo = nullptr) {
+  CatalogueHome::ensure();
+  for (const CommandCase& c : cases) {
+    SearchResults rs;
+    SearchResultsInfo info;
+    addRows(rs, c.in);
+    std::string err = runFresh(c.search, rs, info);
+    if (lastInfo) *lastInfo = info;
+    if (!err.empty()) {
+      EXPECT_EQ(std::vector<std::string>{err}, c.out) << c.search;
+      continue;
+    }
+    EXPECT_EQ(collect(rs), c.out) << c.search;
+  }
 }
 
 }  // namespace rowtest

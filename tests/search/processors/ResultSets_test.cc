@@ -41,27 +41,12 @@ class MkRows : public SearchProcessor {
   std::vector<Str> rows;
 };
 
-struct Case {
-  const char* search;
-  std::vector<Row> in;
-  std::vector<std::string> out;  // rowtest::collect() lines, or one entry: the message
-};
+using Case = rowtest::CommandCase;
 
 void runCases(const std::vector<Case>& cases, SearchResultsInfo* lastInfo = nullptr) {
   rowtest::CatalogueHome::ensure();
   SearchFactory::registerBuiltin("mkrows", &MkRows::create, false);
-  for (const Case& c : cases) {
-    SearchResults rs;
-    SearchResultsInfo info;
-    rowtest::addRows(rs, c.in);
-    std::string err = rowtest::runFresh(c.search, rs, info);
-    if (lastInfo) *lastInfo = info;
-    if (!err.empty()) {
-      EXPECT_EQ(std::vector<std::string>{err}, c.out) << c.search;
-      continue;
-    }
-    EXPECT_EQ(rowtest::collect(rs), c.out) << c.search;
-  }
+  rowtest::runCommandCases(cases, lastInfo);
 }
 
 std::vector<Row> numbered(int n) {

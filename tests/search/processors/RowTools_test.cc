@@ -9,26 +9,9 @@ namespace {
 
 using rowtest::Row;
 
-struct Case {
-  const char* search;
-  std::vector<Row> in;
-  std::vector<std::string> out;  // rowtest::collect() lines, or one entry: the message
-};
+using Case = rowtest::CommandCase;
 
-void runCases(const std::vector<Case>& cases) {
-  rowtest::CatalogueHome::ensure();
-  for (const Case& c : cases) {
-    SearchResults rs;
-    SearchResultsInfo info;
-    rowtest::addRows(rs, c.in);
-    std::string err = rowtest::runFresh(c.search, rs, info);
-    if (!err.empty()) {
-      EXPECT_EQ(std::vector<std::string>{err}, c.out) << c.search;
-      continue;
-    }
-    EXPECT_EQ(rowtest::collect(rs), c.out) << c.search;
-  }
-}
+void runCases(const std::vector<Case>& cases) { rowtest::runCommandCases(cases); }
 
 std::vector<Row> numbered(int n) {
   std::vector<Row> rows;

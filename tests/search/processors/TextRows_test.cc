@@ -22,26 +22,9 @@ std::string lines(int n, std::map<int, std::string> extra = {}) {
   return s;
 }
 
-struct Case {
-  const char* search;
-  std::vector<Row> in;
-  std::vector<std::string> out;  // rowtest::collect() lines, or one entry: the message
-};
+using Case = rowtest::CommandCase;
 
-void runCases(const std::vector<Case>& cases) {
-  rowtest::CatalogueHome::ensure();
-  for (const Case& c : cases) {
-    SearchResults rs;
-    SearchResultsInfo info;
-    rowtest::addRows(rs, c.in);
-    std::string err = rowtest::runFresh(c.search, rs, info);
-    if (!err.empty()) {
-      EXPECT_EQ(std::vector<std::string>{err}, c.out) << c.search;
-      continue;
-    }
-    EXPECT_EQ(rowtest::collect(rs), c.out) << c.search;
-  }
-}
+void runCases(const std::vector<Case>& cases) { rowtest::runCommandCases(cases); }
 
 TEST(AbstractTest, SearchTextToRows) {
   std::string twenty = lines(20, {{12, "an ERROR here"}});
