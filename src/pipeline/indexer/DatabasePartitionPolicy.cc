@@ -309,12 +309,9 @@ void DatabasePartitionPolicy::rebuildBucketFromTsvals(const Pathname& dir) {
   }
   size_t indexed = 0, unreadable = 0;
   {
-    TimeInvertedIndex::Options o;
-    o.maxTermChars = uint32_t(_params.maxTermChars);
-    o.maxTerms = uint32_t(_params.maxTerms);
-    o.maxPostings = uint32_t(_params.maxPostings);
-    o.maxValues = uint32_t(_params.maxValues);
-    o.maxMemMB = uint64_t(_params.maxMemMB);
+    // The bucket's own options, without indexing threads: one pass, one writer.
+    TimeInvertedIndex::Options o = TEDB::indexOptions(_params);
+    o.indexThreads = 0;
     TimeInvertedIndex index(work, o);
     index.create(true);
     SplitCompression data(dir / "rawdata", _params.rawRollSize, int(_params.addressCompressBits),

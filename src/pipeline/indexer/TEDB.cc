@@ -50,19 +50,23 @@ void TEDB::parseName(const Str& name, int64_t& end, int64_t& start, uint32_t& id
   id = uint32_t(i);
 }
 
+TimeInvertedIndex::Options TEDB::indexOptions(const PolicyParameters& params) {
+  TimeInvertedIndex::Options o;
+  o.maxTermChars = uint32_t(params.maxTermChars);
+  o.maxTerms = uint32_t(params.maxTerms);
+  o.maxPostings = uint32_t(params.maxPostings);
+  o.maxValues = uint32_t(params.maxValues);
+  o.maxMemMB = uint64_t(params.maxMemMB);
+  o.syncPeriod = params.syncPeriod;
+  o.indexThreads = size_t(params.indexThreads > 0 ? params.indexThreads : 0);
+  o.maxConcurrentOptimizes = size_t(params.maxConcurrentOptimizes > 0 ? params.maxConcurrentOptimizes : 1);
+  o.waitForOptimize = params.waitForOptimize;
+  return o;
+}
+
 void TEDB::open() {
   if (_open.load()) return;
-  TimeInvertedIndex::Options o;
-  o.maxTermChars = uint32_t(_params.maxTermChars);
-  o.maxTerms = uint32_t(_params.maxTerms);
-  o.maxPostings = uint32_t(_params.maxPostings);
-  o.maxValues = uint32_t(_params.maxValues);
-  o.maxMemMB = uint64_t(_params.maxMemMB);
-  o.syncPeriod = _params.syncPeriod;
-  o.indexThreads = size_t(_params.indexThreads > 0 ? _params.indexThreads : 0);
-  o.maxConcurrentOptimizes = size_t(_params.maxConcurrentOptimizes > 0 ? _params.maxConcurrentOptimizes : 1);
-  o.waitForOptimize = _params.waitForOptimize;
-  auto index = std::make_unique<TimeInvertedIndex>(_dir, o);
+  auto index = std::make_unique<TimeInvertedIndex>(_dir, indexOptions(_params));
   index->create(false);
   auto data = std::make_unique<SplitCompression>(_dir / "rawdata", _params.rawRollSize,
                                                  int(_params.addressCompressBits), _params.compressRawdata);

@@ -33,6 +33,8 @@ class TEDB {
 
   // "db_<end>_<start>_<id>".
   static Str makeName(int64_t end, int64_t start, uint32_t id);
+  // The index options a bucket of an index with these parameters uses.
+  static TimeInvertedIndex::Options indexOptions(const PolicyParameters& params);
   // Reads a bucket directory name (a leaf). Throws
   // DatabasePartitionPolicyException "Unable to parse times and id from
   // <name>" unless it is "db_" and three decimal numbers joined by "_".
