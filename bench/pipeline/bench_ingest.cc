@@ -12,6 +12,10 @@
 //                       bucket, over a time range covering k buckets
 //                       (forked engine per bucket, as searches run it;
 //                       /<k>/1 with direct handles)
+//
+// BENCH_MEMMB=<n> in the environment replaces the index's hot-slice memory
+// budget (maxMemMB, 100 by default) to see how slice size trades put cost
+// (cache misses) against flush cost.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
@@ -66,6 +70,7 @@ PolicyParameters params(const Pathname& root) {
   p.frozenTimePeriodInSecs = 0;  // never freeze
   p.maxWarmDBCount = 1000;
   p.optimizeEvery = 0;
+  if (getenv("BENCH_MEMMB")) p.maxMemMB = atol(getenv("BENCH_MEMMB"));
   return p;
 }
 

@@ -8,6 +8,13 @@
 
 #include <algorithm>
 
+// key % d without a division (Lemire's fastmod): m = 2^64 / d rounded up,
+// computed once per table size. Exact for every 32-bit key and divisor.
+static inline uint64_t mod_magic(uint32_t d) { return UINT64_C(0xFFFFFFFFFFFFFFFF) / d + 1; }
+static inline uint32_t fast_mod(uint32_t key, uint64_t m, uint32_t d) {
+  return (uint32_t)(((__uint128_t)(m * key) * d) >> 64);
+}
+
 static bool is_good_hash_size(uint32_t max_terms) { return max_terms > 256 && (max_terms & 1) == 0; }
 
 st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32_t max_postings,
@@ -20,6 +27,8 @@ st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32
   h->max_terms = max_terms;
   h->max_postings = max_postings;
   h->max_values = max_values;
+  h->term_mod = mod_magic(2 * max_terms);
+  h->value_mod = mod_magic(2 * (max_values ? max_values : 1));
   h->pool = (char*)malloc(pool_size ? pool_size : 1);
   h->stats = (st_hot_term_stats*)malloc(sizeof(st_hot_term_stats) * max_terms);
   h->term_hash = (st_hot_term_slot*)calloc(2 * (size_t)max_terms, sizeof(st_hot_term_slot));
@@ -69,7 +78,7 @@ static inline bool term_equal(const char* stored, const char* term, size_t len) 
 static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len, uint32_t key) {
   const uint32_t size = 2 * h->max_terms;
   const uint32_t hash = key;
-  st_hot_term_slot* s = &h->term_hash[key % size];
+  st_hot_term_slot* s = &h->term_hash[fast_mod(key, h->term_mod, size)];
   if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   uint32_t step = 2347;
   for (size_t i = 0; i < len; ++i) step = step * 64 + (uint32_t)(int32_t)(signed char)term[i] + (step << 16) - step;
@@ -79,7 +88,7 @@ static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len
   // to single steps.
   for (uint32_t probes = 0;; ++probes) {
     key += probes < size ? step : 1;
-    s = &h->term_hash[key % size];
+    s = &h->term_hash[fast_mod(key, h->term_mod, size)];
     if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   }
 }
@@ -87,25 +96,49 @@ static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len
 static st_tsval** find_value(st_hot_slice* h, int32_t time, uint32_t address) {
   const uint32_t size = 2 * h->max_values;
   uint32_t key = address;
-  st_tsval** s = &h->value_hash[key % size];
+  st_tsval** s = &h->value_hash[fast_mod(key, h->value_mod, size)];
   if (!*s || (*s)->address == address) return s;
   uint32_t step = (uint32_t)time * address;
   if (!(step & 1)) step += 1;
   for (uint32_t probes = 0;; ++probes) {
     key += probes < size ? step : 1;
-    s = &h->value_hash[key % size];
+    s = &h->value_hash[fast_mod(key, h->value_mod, size)];
     if (!*s || (*s)->address == address) return s;
+  }
+}
+
+uint32_t st_hot_slice_hash(const char* term, size_t* len) {
+  size_t n = 0;
+  uint32_t key = 5381;
+  while (n < ST_MAX_TERM_LEN && term[n]) key = key * 33 + (uint32_t)(int32_t)(signed char)term[n++];
+  *len = n;
+  return key;
+}
+
+void st_hot_slice_prefetch_slot(const st_hot_slice* h, uint32_t key) {
+  __builtin_prefetch(&h->term_hash[fast_mod(key, h->term_mod, 2 * h->max_terms)]);
+}
+
+void st_hot_slice_prefetch_term(const st_hot_slice* h, uint32_t key) {
+  const st_hot_term_slot* s = &h->term_hash[fast_mod(key, h->term_mod, 2 * h->max_terms)];
+  if (s->text) {
+    __builtin_prefetch(s->text);
+    __builtin_prefetch(&h->stats[s->term_no], 1);
   }
 }
 
 int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t address, uint32_t type,
                      uint32_t source, uint32_t source_type, uint32_t host) {
   assert(h && term);
+  size_t len;
+  uint32_t key = st_hot_slice_hash(term, &len);
+  return st_hot_slice_put_hashed(h, term, len, key, time, address, type, source, source_type, host);
+}
+
+int st_hot_slice_put_hashed(st_hot_slice* h, const char* term, size_t len, uint32_t key, int32_t time,
+                            uint32_t address, uint32_t type, uint32_t source, uint32_t source_type, uint32_t host) {
+  assert(h && term);
   assert(!h->prepared);
-  // Length (capped) and first hash in one pass over the term.
-  size_t len = 0;
-  uint32_t key = 5381;
-  while (len < ST_MAX_TERM_LEN && term[len]) key = key * 33 + (uint32_t)(int32_t)(signed char)term[len++];
   if (len == 0) {
     // Probe: is any table past half full?
     if (h->terms_used > h->max_terms / 2) return -1;
@@ -119,9 +152,20 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
   if (h->postings_used >= h->max_postings) return -3;
   if (h->pool_used + len >= h->pool_size) return -4;
 
+  // The value first: an event's terms arrive together, so it is nearly always
+  // the previous put's, and its row settles whether this put repeats one.
+  uint32_t row;
+  st_tsval** vs = NULL;
+  if (h->has_last && h->last_address == address) {
+    row = h->last_row;
+  } else {
+    vs = find_value(h, time, address);
+    row = *vs ? (uint32_t)(*vs - h->values) : h->values_used;
+  }
+
   st_hot_term_slot* slot = find_term(h, term, len, key);
   if (slot->text) {
-    if (slot->head && h->values[slot->head->value_row].address == address) return 0;
+    if (slot->last_row == row) return 0;
     st_hot_term_stats* st = &h->stats[slot->term_no];
     st->count++;
     if (time < st->earliest) st->earliest = time;
@@ -135,13 +179,12 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
     st->count = 1;
     st->earliest = st->latest = time;
     slot->text = text;
-    slot->head = NULL;
     slot->key = key;
     slot->term_no = h->terms_used++;
   }
+  slot->last_row = row;
 
-  st_tsval** vs = find_value(h, time, address);
-  if (!*vs) {
+  if (vs && !*vs) {
     st_tsval* v = &h->values[h->values_used++];
     v->time = time;
     v->address = address;
@@ -151,11 +194,12 @@ int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t a
     v->host = host;
     *vs = v;
   }
+  h->has_last = 1;
+  h->last_address = address;
+  h->last_row = row;
   st_hot_posting* node = &h->postings[h->postings_used++];
-  node->value_row = (uint32_t)(*vs - h->values);
+  node->value_row = row;
   node->term_no = slot->term_no;
-  node->next = slot->head;
-  slot->head = node;
   return 0;
 }
 
@@ -167,11 +211,8 @@ void st_hot_slice_reset(st_hot_slice* h) {
   h->terms_used = 0;
   h->postings_used = 0;
   h->values_used = 0;
+  h->has_last = 0;
   h->prepared = 0;
-}
-
-static bool slot_text_less(const st_hot_term_slot& a, const st_hot_term_slot& b) {
-  return strcmp(a.text, b.text) < 0;
 }
 
 int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, uint32_t* num_values,
@@ -191,7 +232,19 @@ int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, ui
     for (size_t i = 0; i < tsize; ++i)
       if (h->term_hash[i].text) h->term_hash[nt++] = h->term_hash[i];
     memset(h->term_hash + nt, 0, (tsize - nt) * sizeof(st_hot_term_slot));
-    std::sort(h->term_hash, h->term_hash + nt, slot_text_less);
+    // Sort through rows of (text, slot), then lay the slots out in that
+    // order in the upper half of the table (free: nt <= max_terms) and move
+    // them down.
+    st_str_row* rows = h->rterms;
+    for (size_t t = 0; t < nt; ++t) {
+      rows[t].text = h->term_hash[t].text;
+      rows[t].tag = (uint32_t)t;
+    }
+    st_str_sort(rows, nt);
+    st_hot_term_slot* upper = h->term_hash + h->max_terms;
+    for (size_t t = 0; t < nt; ++t) upper[t] = h->term_hash[rows[t].tag];
+    memcpy(h->term_hash, upper, nt * sizeof(st_hot_term_slot));
+    memset(upper, 0, nt * sizeof(st_hot_term_slot));
 
     // Scatter the postings, read in array order, into one run per term in
     // sorted term order; a term's run is as long as its count of postings.

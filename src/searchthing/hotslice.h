@@ -11,6 +11,7 @@
 #include <stdint.h>
 
 #include "searchthing/st_types.h"
+#include "searchthing/strsort.h"
 
 // Per distinct term, in order of first sight.
 typedef struct st_hot_term_stats {
@@ -19,27 +20,24 @@ typedef struct st_hot_term_stats {
   int32_t latest;
 } st_hot_term_stats;
 
-// One (term, value) pair; the postings of a term are chained newest first,
-// and prepare reads the array in order through the two row numbers.
+// One (term, value) pair, in order of arrival; prepare scatters them into
+// per-term runs through the two row numbers.
 typedef struct st_hot_posting {
   uint32_t value_row;  // row in values
   uint32_t term_no;    // row in term statistics
-  struct st_hot_posting* next;
 } st_hot_posting;
 
 // Slot of the term hash; prepare compacts and sorts these.
 typedef struct st_hot_term_slot {
   const char* text;
-  st_hot_posting* head;
-  uint32_t term_no;  // row in term statistics
-  uint32_t key;      // hash of the text, compared before the text itself
+  uint32_t term_no;   // row in term statistics
+  uint32_t key;       // hash of the text, compared before the text itself
+  uint32_t last_row;  // value row of the term's latest posting, for folding repeats
 } st_hot_term_slot;
 
-// Working row of the slice writer: reversed text and its forward term number.
-typedef struct st_hot_rterm {
-  const char* text;
-  uint32_t fwd;
-} st_hot_rterm;
+// Working row of prepare and of the slice writer: a text (forward or
+// reversed) with its term number in the tag.
+typedef st_str_row st_hot_rterm;
 
 typedef struct st_hot_slice {
   char* pool;
@@ -47,11 +45,14 @@ typedef struct st_hot_slice {
   st_hot_term_stats* stats;
   uint32_t max_terms, terms_used;
   st_hot_term_slot* term_hash;  // 2 * max_terms slots
+  uint64_t term_mod, value_mod;  // magic numbers of the two hashes' remainders
   st_hot_posting* postings;
   uint32_t max_postings, postings_used;
   st_tsval* values;
   uint32_t max_values, values_used;
   st_tsval** value_hash;        // 2 * max_values slots
+  uint32_t last_address, last_row;  // the value of the previous put (one event puts many terms)
+  int has_last;
   uint32_t* value_numbers;      // row of values -> place in sorted order
   const char** sorted_terms;
   uint32_t* postings_per_term;
@@ -74,6 +75,18 @@ void st_hot_slice_close(st_hot_slice* h);
 // REQUIRES: not prepared; h and term non-null.
 int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t address, uint32_t type,
                      uint32_t source, uint32_t source_type, uint32_t host);
+// The hash that put files a term under, and the term's length capped at
+// 2047 bytes.
+uint32_t st_hot_slice_hash(const char* term, size_t* len);
+// st_hot_slice_put with the hash and length already taken.
+int st_hot_slice_put_hashed(st_hot_slice* h, const char* term, size_t len, uint32_t key, int32_t time,
+                            uint32_t address, uint32_t type, uint32_t source, uint32_t source_type, uint32_t host);
+// Cache hints for a put to come, changing nothing: the term's home slot, and
+// (once that is likely cached) the text and statistics behind the slot.
+// A caller that knows several terms ahead issues the first some puts before
+// the put and the second a few puts before it.
+void st_hot_slice_prefetch_slot(const st_hot_slice* h, uint32_t key);
+void st_hot_slice_prefetch_term(const st_hot_slice* h, uint32_t key);
 void st_hot_slice_reset(st_hot_slice* h);
 // Sorts for writing: values by time and address descending (value number 0 is
 // the newest), terms by strcmp, each term's value numbers ascending without

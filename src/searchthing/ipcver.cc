@@ -354,6 +354,18 @@ int32_t st_put(st_handle* h, const char* term, int32_t time, uint32_t address, u
   return put_request(h, CMD_PUT, term, time, address, type, source, source_type, host);
 }
 
+int32_t st_put_terms(st_handle* h, const char* terms, size_t n, int32_t time, uint32_t address, uint32_t type,
+                     uint32_t source, uint32_t source_type, uint32_t host) {
+  if (h->direct) return REAL_st_put_terms(h->direct, terms, n, time, address, type, source, source_type, host);
+  // A forked engine takes them one request each.
+  int32_t result = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (st_put(h, terms, time, address, type, source, source_type, host) != 0) result = -1;
+    terms += strlen(terms) + 1;
+  }
+  return result;
+}
+
 int32_t st_tokenize(st_handle* h, const char* text, int32_t time, uint32_t address, uint32_t type,
                     uint32_t source, uint32_t source_type, uint32_t host) {
   if (h->direct) return REAL_st_tokenize(h->direct, text, time, address, type, source, source_type, host);

@@ -51,6 +51,11 @@ int32_t st_options(st_handle* h, uint32_t pool, uint32_t terms, uint32_t posting
 int32_t st_autotune(st_handle* h, uint64_t budget);
 int32_t st_put(st_handle* h, const char* term, int32_t time, uint32_t address, uint32_t type, uint32_t source,
                uint32_t source_type, uint32_t host);
+// n terms packed one after another, each NUL-terminated, all for the same
+// value: the same as n calls of st_put in order, and faster on a direct
+// handle. 0, or -1 if any put failed.
+int32_t st_put_terms(st_handle* h, const char* terms, size_t n, int32_t time, uint32_t address, uint32_t type,
+                     uint32_t source, uint32_t source_type, uint32_t host);
 int32_t st_tokenize(st_handle* h, const char* text, int32_t time, uint32_t address, uint32_t type,
                     uint32_t source, uint32_t source_type, uint32_t host);
 int32_t st_get(st_handle* h, const char* term, int32_t start, int32_t end, st_tsval* answers, uint32_t capacity,

@@ -106,12 +106,26 @@ static void autotune_sizes(st_tsidx* t) {
   if (t->max_values > 0xFFFFFFFEu) t->max_values = 0xFFFFFFFEu;
 }
 
-int st_tsidx_put(st_tsidx* t, const char* term, int32_t time, uint32_t address, uint32_t type, uint32_t source,
-                 uint32_t source_type, uint32_t host) {
+// Whether the (reset) hot slice may serve as the next one: autotuning
+// settles on nearly the same sizes slice after slice, and a fresh slice of
+// some hundred megabytes costs a page fault per page on first touch. Within a
+// tenth of every new size the old tables are kept.
+static bool near(uint64_t have, uint64_t want) { return have >= want - want / 10 && have <= want + want / 10; }
+
+static bool hot_fits_sizes(const st_tsidx* t) {
+  const st_hot_slice* h = t->hot;
+  return near(h->pool_size, t->pool_size) && near(h->max_terms, clamp32(t->max_terms)) &&
+         near(h->max_postings, clamp32(t->max_postings)) && near(h->max_values, clamp32(t->max_values));
+}
+
+// One put with its hash taken; on a full table the slice is written out (and
+// with autotune the next one resized) and the put tried again.
+static int put_hashed(st_tsidx* t, const char* term, size_t len, uint32_t key, int32_t time, uint32_t address,
+                      uint32_t type, uint32_t source, uint32_t source_type, uint32_t host) {
   if (!t->hot && make_hot(t) != 0) return -1;
   for (;;) {
     ++t->put_attempts;
-    int rc = st_hot_slice_put(t->hot, term, time, address, type, source, source_type, host);
+    int rc = st_hot_slice_put_hashed(t->hot, term, len, key, time, address, type, source, source_type, host);
     if (rc == 0) return 0;
     ++t->failed_puts;
     switch (rc) {
@@ -122,7 +136,7 @@ int st_tsidx_put(st_tsidx* t, const char* term, int32_t time, uint32_t address, 
     }
     if (!t->autotune) {
       st_tsidx_sync(t, 0);
-      if (st_hot_slice_put(t->hot, term, time, address, type, source, source_type, host) != 0) {
+      if (st_hot_slice_put_hashed(t->hot, term, len, key, time, address, type, source, source_type, host) != 0) {
         errno = ENOSPC;
         return -1;
       }
@@ -130,10 +144,51 @@ int st_tsidx_put(st_tsidx* t, const char* term, int32_t time, uint32_t address, 
     }
     autotune_sizes(t);
     st_tsidx_sync(t, 0);
-    st_hot_slice_close(t->hot);
-    t->hot = nullptr;
-    if (make_hot(t) != 0) return -1;
+    if (!hot_fits_sizes(t)) {
+      st_hot_slice_close(t->hot);
+      t->hot = nullptr;
+      if (make_hot(t) != 0) return -1;
+    }
   }
+}
+
+int st_tsidx_put(st_tsidx* t, const char* term, int32_t time, uint32_t address, uint32_t type, uint32_t source,
+                 uint32_t source_type, uint32_t host) {
+  size_t len;
+  uint32_t key = st_hot_slice_hash(term, &len);
+  return put_hashed(t, term, len, key, time, address, type, source, source_type, host);
+}
+
+int st_tsidx_put_terms(st_tsidx* t, const char* terms, size_t n, int32_t time, uint32_t address, uint32_t type,
+                       uint32_t source, uint32_t source_type, uint32_t host) {
+  // A put mostly waits on the cache misses of its hash slot, then of the
+  // term's text and statistics. Hashing kAhead terms ahead lets the slot
+  // misses of several puts overlap; kNear puts ahead the slot is likely
+  // cached, and the misses behind it are started too.
+  enum { kAhead = 8, kNear = 3 };
+  struct Pending {
+    const char* text;
+    size_t len;
+    uint32_t key;
+  } ring[kAhead];
+  const char* next = terms;
+  size_t hashed = 0;
+  int result = 0;
+  for (size_t i = 0; i < n; ++i) {
+    while (hashed < n && hashed < i + kAhead) {
+      Pending& p = ring[hashed % kAhead];
+      p.text = next;
+      p.key = st_hot_slice_hash(next, &p.len);
+      size_t whole = p.len == ST_MAX_TERM_LEN ? p.len + strlen(next + p.len) : p.len;
+      next += whole + 1;
+      if (t->hot) st_hot_slice_prefetch_slot(t->hot, p.key);
+      ++hashed;
+    }
+    if (t->hot && i + kNear < hashed) st_hot_slice_prefetch_term(t->hot, ring[(i + kNear) % kAhead].key);
+    const Pending& p = ring[i % kAhead];
+    if (put_hashed(t, p.text, p.len, p.key, time, address, type, source, source_type, host) != 0) result = -1;
+  }
+  return result;
 }
 
 // Links the temporary to a fresh final name, retrying while the name is

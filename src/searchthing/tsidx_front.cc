@@ -169,6 +169,16 @@ int32_t REAL_st_put(st_real_handle* h, const char* term, int32_t time, uint32_t 
   return st_tsidx_put(h->idx, term, time, address, type, source, source_type, host);
 }
 
+int32_t REAL_st_put_terms(st_real_handle* h, const char* terms, size_t n, int32_t time, uint32_t address,
+                          uint32_t type, uint32_t source, uint32_t source_type, uint32_t host) {
+  CHECK_HANDLE(h);
+  if (!terms && n) {
+    errno = EINVAL;
+    return -1;
+  }
+  return st_tsidx_put_terms(h->idx, terms, n, time, address, type, source, source_type, host);
+}
+
 // Byte classes of the tokenizer.
 static bool is_major(unsigned char c) {
   switch (c) {

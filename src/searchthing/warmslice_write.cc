@@ -58,10 +58,6 @@ static void attr_bits(st_hot_slice* hot, uint32_t* bits) {
 }
 
 // Term lengths, the reversed terms in sorted order, and rf_map entries.
-static int rterm_compare(const void* a, const void* b) {
-  return strcmp(((const st_hot_rterm*)a)->text, ((const st_hot_rterm*)b)->text);
-}
-
 static uint64_t reverse_and_sort_array(st_hot_slice* hot, uint32_t nt) {
   uint64_t bytes = 0;
   char* out = hot->rpool;
@@ -73,10 +69,10 @@ static uint64_t reverse_and_sort_array(st_hot_slice* hot, uint32_t nt) {
     for (size_t i = 0; i < len; ++i) out[i] = s[len - 1 - i];
     out[len] = 0;
     hot->rterms[t].text = out;
-    hot->rterms[t].fwd = t;
+    hot->rterms[t].tag = t;
     out += len + 1;
   }
-  qsort(hot->rterms, nt, sizeof(st_hot_rterm), rterm_compare);
+  st_str_sort(hot->rterms, nt);
   return bytes;
 }
 
@@ -121,7 +117,7 @@ static void fill_fixed(st_hot_slice* hot, unsigned char* base, const st_warm_lay
     st_put_be32(m + 4, (uint32_t)st->earliest);
     st_put_be32(m + 8, (uint32_t)st->latest);
   }
-  for (uint32_t r = 0; r < lay->num_terms; ++r) st_put_be32(base + lay->rf_map_off + 4 * (uint64_t)r, hot->rterms[r].fwd);
+  for (uint32_t r = 0; r < lay->num_terms; ++r) st_put_be32(base + lay->rf_map_off + 4 * (uint64_t)r, hot->rterms[r].tag);
 }
 
 static const char** reversed_texts(st_hot_slice* hot, uint32_t nt) {

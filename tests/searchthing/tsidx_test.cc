@@ -490,3 +490,42 @@ TEST_F(TsidxEdges, CorruptSliceHidesOnlyItsOwnData) {
 }
 
 }  // namespace
+
+// The batch put is the same as term-by-term puts: same answers, also when a
+// slice fills in the middle of a batch and when a term is longer than the
+// term limit (its tail is cut, and the next term must still be found).
+TEST_F(TsidxEdges, BatchPutEqualsSinglePuts) {
+  std::string one = scratch_.sub("one"), batch = scratch_.sub("batch");
+  st_handle* a = st_open(one.c_str());
+  st_handle* b = st_open(batch.c_str());
+  ASSERT_TRUE(a && b);
+  for (st_handle* h : {a, b}) ASSERT_EQ(st_options(h, 8192, 300, 500, 400), 0);
+  const std::string longTerm = std::string(ST_MAX_TERM_LEN + 40, 'q');
+  for (uint32_t i = 0; i < 600; ++i) {
+    std::vector<std::string> terms = {"common", "u" + std::to_string(i), "m" + std::to_string(i % 7), "common"};
+    if (i % 50 == 0) terms.push_back(longTerm);
+    terms.push_back("after" + std::to_string(i % 3));
+    std::string packed;
+    for (const std::string& t : terms) {
+      ASSERT_EQ(st_put(a, t.c_str(), int32_t(100 + i), i + 1, 0, 1, 2, 3), 0);
+      packed.append(t.c_str(), t.size() + 1);
+    }
+    ASSERT_EQ(st_put_terms(b, packed.data(), terms.size(), int32_t(100 + i), i + 1, 0, 1, 2, 3), 0);
+  }
+  EXPECT_GE(ScratchDir::countSuffix(batch, ".tsidx"), 2u) << "slices filled during batches";
+  for (st_handle* h : {a, b}) ASSERT_EQ(st_close(h), 0);
+  a = st_open(one.c_str());
+  b = st_open(batch.c_str());
+  std::vector<st_tsval> x(2000), y(2000);  // a get answers at most half its room
+  for (std::string t : {"common", "u0", "u599", "m3", "after2", "nothing"}) {
+    int nx = st_get(a, t.c_str(), 0, 10000, x.data(), 2000, 0);
+    int ny = st_get(b, t.c_str(), 0, 10000, y.data(), 2000, 0);
+    ASSERT_EQ(nx, ny) << t;
+    for (int i = 0; i < nx; ++i) ASSERT_EQ(x[size_t(i)].address, y[size_t(i)].address) << t;
+  }
+  std::string cut = longTerm.substr(0, ST_MAX_TERM_LEN);
+  EXPECT_EQ(st_get(b, cut.c_str(), 0, 10000, y.data(), 2000, 0), 12);
+  EXPECT_EQ(st_get(b, "common", 0, 10000, y.data(), 2000, 0), 600);
+  EXPECT_EQ(st_put_terms(b, "", 0, 1, 1, 0, 0, 0, 0), 0) << "an empty batch does nothing";
+  for (st_handle* h : {a, b}) ASSERT_EQ(st_close(h), 0);
+}

@@ -3,8 +3,25 @@
 #include <cstdio>
 #include <cstring>
 
-void IndexableValue::store(const char* term, size_t) {
-  if (_handle) st_put(_handle, term, _time, _address, _typeCode, _sourceCode, _sourceTypeCode, _hostCode);
+void IndexableValue::store(const char* term, size_t len) {
+  if (!_handle) return;
+  if (!_inIndex) {
+    // A term from outside index() (a caller driving processToken itself)
+    // goes in at once, with the value as it is now.
+    st_put(_handle, term, _time, _address, _typeCode, _sourceCode, _sourceTypeCode, _hostCode);
+    return;
+  }
+  _batch.append(term, len + 1);
+  ++_batchCount;
+  if (_batch.size() >= 65536) flushTerms();
+}
+
+void IndexableValue::flushTerms() {
+  if (_handle && _batchCount)
+    st_put_terms(_handle, _batch.data(), _batchCount, _time, _address, _typeCode, _sourceCode, _sourceTypeCode,
+                 _hostCode);
+  _batch.clear();
+  _batchCount = 0;
 }
 
 void IndexableValue::put(const StrSegment& term, bool lowercase) {
@@ -31,6 +48,7 @@ bool IndexableValue::acceptToken(const char* term, size_t len, size_t, size_t) {
 void IndexableValue::index(const IndexableEvent& ev) {
   // Probe first: a nearly full hot slice flushes before this event's terms.
   if (_handle) st_put(_handle, "", 0, 0, 0, 0, 0, 0);
+  _inIndex = true;
   put(StrSegment("meta::all", 9), false);
 
   const char* p = ev.meta.data();
@@ -56,4 +74,6 @@ void IndexableValue::index(const IndexableEvent& ev) {
 
   _cleaner->tokenize(ev.raw, *this);
   if (!ev.indexTerms.empty()) _cleaner->tokenize(ev.indexTerms, *this);
+  flushTerms();
+  _inIndex = false;
 }

@@ -9,15 +9,19 @@
 // (already lowercased) segments is lowercased here; at most 2048 bytes of a
 // term are kept. Empty terms are skipped.
 //
-// Each term goes to store(), which by default calls st_put on the handle with
-// the value's time, address and codes; a subclass may catch the terms instead.
+// Each term goes to store(), which by default gathers the terms and hands
+// them to the engine in batches (st_put_terms, the same as st_put term by
+// term) with the value's time, address and codes; a subclass may catch the
+// terms instead.
 //
 // Ownership: the cleaner and the engine handle belong to the caller and must
 // outlive the value. One thread uses an object at a time; index() allocates
-// nothing.
+// nothing once the batch buffer has grown to a large event's terms (it is
+// handed over at 64 KiB).
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "pipeline/indexer/GenericCleaner.h"
 #include "pipeline/indexer/ICleanCallback.h"
@@ -65,6 +69,8 @@ class IndexableValue : public ITokenHandler, public ICleanCallback {
 
  private:
   void put(const StrSegment& term, bool lowercase);
+  // Hands the gathered terms to the engine.
+  void flushTerms();
 
   GenericCleaner* _cleaner;
   st_handle* _handle;
@@ -75,4 +81,7 @@ class IndexableValue : public ITokenHandler, public ICleanCallback {
   uint32_t _sourceCode = 0;
   uint32_t _sourceTypeCode = 0;
   char _term[kMaxTerm + 1];
+  std::string _batch;  // terms gathered by store(), each NUL-terminated
+  size_t _batchCount = 0;
+  bool _inIndex = false;
 };
