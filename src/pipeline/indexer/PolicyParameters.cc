@@ -34,6 +34,11 @@ struct Reader {
     Str v;
     if (!text(key, v) || v.empty()) missing(key);
     out = Pathname(substituteEnvs(v));
+    // An unset variable stays as "$NAME"; the bucket tree would then grow
+    // under whatever directory the process happens to run in.
+    if (!out.isAbsolute() || out.find('$') != Str::npos)
+      throw DatabasePartitionPolicyException("'" + Str(key) + "' of index " + name + " is not an absolute path: " +
+                                             out + " (is every variable it names set?)");
   }
   void requiredLong(const char* key, long& out) {
     Str v;

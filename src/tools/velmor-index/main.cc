@@ -15,6 +15,7 @@
 #include "tools/velmor-index/IndexTool.h"
 #include "tools/velmor-index/IndexToolArgs.h"
 #include "util/MainThread.h"
+#include "util/Pathname.h"
 #include "util/Thread.h"
 
 namespace {
@@ -39,6 +40,9 @@ int main(int argc, char** argv) {
     fprintf(stderr, "velmor-index: VELMOR_HOME is not set\n");
     return 1;
   }
+  // Index paths name $VELMOR_DB; a home laid out by mkhome keeps it under var/lib.
+  const char* db = getenv("VELMOR_DB");
+  if (!db || !*db) setenv("VELMOR_DB", (Pathname(home) / "var/lib/velmor/db").c_str(), 1);
   LoaderInfo::common_main_setup(true);
   MThread mainThread;
   int status;
