@@ -40,8 +40,12 @@ TEST(PolicyParameters, StanzaInValuesOrMessageOut) {
       {"compressRawdata", "maybe", "Invalid value 'maybe' for 'compressRawdata' in config for index idx"},
       {"maxWarmDBCount", "5x", "Invalid value '5x' for 'maxWarmDBCount' in config for index idx"},
       {"addressCompressBits", "40", "Invalid value '40' for 'addressCompressBits' in config for index idx"},
+      {"homePath", "db/here", "'homePath' of index idx is not an absolute path: db/here (is every variable it names set?)"},
+      {"coldPath", "$VELMOR_TEST_UNSET_VAR/colddb",
+       "'coldPath' of index idx is not an absolute path: $VELMOR_TEST_UNSET_VAR/colddb (is every variable it names set?)"},
       {"maxDataSize", " 2 ", nullptr},
   };
+  unsetenv("VELMOR_TEST_UNSET_VAR");
   for (const Row& r : rows) {
     PropertiesMap m = base();
     if (r.value)
