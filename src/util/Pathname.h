@@ -105,6 +105,7 @@ class Pathname : public Str {
   bool r_ok() const;
   bool w_ok() const;
   bool rw_ok() const;
+  bool x_ok() const;
 
   // --- directories ---------------------------------------------------------------
   bool mkdir(MkdirMode mode = MKDIR_NORMAL) const;

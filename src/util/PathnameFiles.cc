@@ -17,6 +17,7 @@ bool Pathname::exists() const { return ::access(c_str(), F_OK) == 0; }
 bool Pathname::r_ok() const { return ::access(c_str(), R_OK) == 0; }
 bool Pathname::w_ok() const { return ::access(c_str(), W_OK) == 0; }
 bool Pathname::rw_ok() const { return ::access(c_str(), R_OK | W_OK) == 0; }
+bool Pathname::x_ok() const { return ::access(c_str(), X_OK) == 0; }
 
 bool Pathname::mkdir(MkdirMode mode) const { return ::mkdir(c_str(), mode) == 0; }
 

@@ -302,6 +302,15 @@ bool TimeInvertedIndex::importTsvals(const Pathname& path, std::vector<st_tsval>
   return ok;
 }
 
+Str TimeInvertedIndex::defaultOptimizer() {
+  Str self;
+  if (Pathname("/proc/self/exe").readlink(self)) {
+    Pathname sibling = Pathname(self).toParent() / "velmor-optimize";
+    if (sibling.x_ok()) return sibling;
+  }
+  return "velmor-optimize";
+}
+
 void TimeInvertedIndex::close(bool optimizeAfter) {
   ScopedLock l(_mutex);
   if (!_handle) {

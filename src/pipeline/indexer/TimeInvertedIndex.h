@@ -59,8 +59,11 @@ class TimeInvertedIndex {
     size_t indexThreads = 0;  // 0: terms are put on the caller's thread
     size_t maxConcurrentOptimizes = 6;
     long waitForOptimize = 0;  // close() waits for optimisers (else ends them)
-    Str optimizer = "velmor-optimize";  // program name or path
+    Str optimizer = defaultOptimizer();  // program name or path
   };
+  // "velmor-optimize" beside the running program when it is there (a build
+  // or install tree run without PATH set up), else the bare name for PATH.
+  static Str defaultOptimizer();
 
   TimeInvertedIndex(const Pathname& dir, const Options& options);
   // Closes the index if open.

@@ -130,6 +130,8 @@ int IndexTool::add() {
       return 1;
     }
   }
+  // A command-line run should leave its optimisers finished, not killed.
+  _params.waitForOptimize = 1;
   if (!openPolicy(false)) return 1;
   if (_policy->isReadOnly()) {
     fail("index '%s' is read-only", _args.index.c_str());
@@ -146,7 +148,12 @@ int IndexTool::add() {
   if (_args.files.size() > 1) fprintf(_err, "velmor-index: %llu events added to %s\n", (unsigned long long)total,
                                       _args.index.c_str());
   // The cleaner is about to go: the index must hold no queued event of it.
+  // A last optimiser run leaves the hot bucket in few slices; close waits.
   try {
+    if (_params.optimizeEvery > 0 && total > 0) {
+      fprintf(_err, "velmor-index: merging the slices of %s\n", _args.index.c_str());
+      _policy->optimizeHotDb();
+    }
     _policy->close();
   } catch (const std::exception& e) {
     fail("closing %s: %s", _args.index.c_str(), e.what());
@@ -163,7 +170,15 @@ void IndexTool::syncAndMaybeRoll() {
     ScopedReader r(_policy->tableLock());
     if (_policy->table().hot) hot = _policy->table().hot->path();
   }
-  if (!hot.empty() && hot.treeSize() > _params.maxDataSizeBytes) _policy->rollHotDb();
+  if (!hot.empty() && hot.treeSize() > _params.maxDataSizeBytes) {
+    _policy->rollHotDb();
+    return;
+  }
+  int64_t now = int64_t(time(nullptr));
+  if (_params.optimizeEvery > 0 && now - _lastOptimize >= _params.optimizeEvery) {
+    _lastOptimize = now;
+    _policy->optimizeHotDb();
+  }
 }
 
 int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded) {
@@ -295,6 +310,8 @@ int IndexTool::search() {
 // --- roll and info ------------------------------------------------------------------------
 
 int IndexTool::roll() {
+  // A command-line run should leave its optimisers finished, not killed.
+  _params.waitForOptimize = 1;
   if (!openPolicy(false)) return 1;
   if (_policy->isReadOnly()) {
     fail("index '%s' is read-only", _args.index.c_str());

@@ -9,7 +9,11 @@
 // `syncEvery` events and at the end of each file, printing a progress line
 // on stderr at each sync of a long file ("<file>: <bytes> of <size> bytes,
 // <n> events synced"), and rolls the hot bucket when its directory outgrows
-// maxDataSize. Events synced are searchable by later runs; a run killed
+// maxDataSize. At a sync, once `optimizeEvery` seconds have passed since the
+// last, it starts the optimiser on the hot bucket in the background (at most
+// `maxConcurrentOptimizes` at once), and at the end it starts one more and
+// waits for them, so that the bucket is left in few slices. Events synced are
+// searchable by later runs; a run killed
 // between syncs loses only the events after the last sync from the index.
 //
 // Each command returns the exit status: 0 done, 1 failed (the reason on
@@ -49,4 +53,5 @@ class IndexTool {
   FILE* _err;
   PolicyParameters _params;
   std::unique_ptr<DatabasePartitionPolicy> _policy;
+  int64_t _lastOptimize = 0;  // when the optimiser was last started
 };
