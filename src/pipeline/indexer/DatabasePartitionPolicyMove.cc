@@ -204,6 +204,16 @@ bool DatabasePartitionPolicy::freezeColdDb(std::shared_ptr<TEDB> b) {
     ok = fireScript(_params.coldToFrozenScript, b->path());
   if (!ok) {
     gLogger.warn("Attempting to recover from failed archive!");
+    if (!b->path().isDir()) {
+      // The script took the bucket away and still failed: its counts can't
+      // be read back, and whatever it left elsewhere is out of our hands.
+      // The bucket leaves the lists, so that they match the directories.
+      gLogger.fatal("Database is in an inconsistent state. All operations from here on are undefined");
+      _table.remove(b.get());
+      for (auto& t : _global) t->sync();
+      writeManifest();
+      return false;
+    }
     decrementMetadataFromDbToBeFrozen(*b, true);
     for (auto& t : _global) t->sync();
     return false;

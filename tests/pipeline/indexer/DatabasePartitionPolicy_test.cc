@@ -254,12 +254,24 @@ TEST_F(ScriptTest, WarmToColdToFrozenThroughScripts) {
   p.coldToFrozenScript = Str("cp -R $DIR ") + archive;
   policy.setPolicy(p);
   policy.service(kBase + 9 + 1002);
+  EXPECT_TRUE(policy.validate());
   EXPECT_EQ(coldCount(policy), 2u);
   EXPECT_FALSE((root / "idx" / "colddb" / TEDB::makeName(kBase + 9, kBase, 0)).exists());
   EXPECT_TRUE((archive / TEDB::makeName(kBase + 9, kBase, 0) / "rawdata").isDir());
   EXPECT_EQ(hostCount(policy, "even"), even - 10);
   EXPECT_EQ(found(policy, {}), newestFirst(10, 40));
   EXPECT_TRUE(policy.validate());
+
+  // A script that takes the bucket away and then fails leaves nothing to
+  // recover: the bucket leaves the lists, which still match the directories.
+  Pathname lost = root / "lost";
+  p.coldToFrozenScript = Str("mv $DIR ") + lost + "; exit 5";
+  policy.setPolicy(p);
+  policy.service(kBase + 19 + 1001);
+  EXPECT_EQ(coldCount(policy), 1u);
+  EXPECT_TRUE(lost.isDir());
+  EXPECT_TRUE(policy.validate());
+  EXPECT_EQ(found(policy, {}), newestFirst(20, 40));
 }
 
 // A copy of the index taken after a sync, while the policy goes on writing,
