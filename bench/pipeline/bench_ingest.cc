@@ -8,6 +8,14 @@
 //   BM_DiskPerRawByte   bytes on disk (gzipped raw data, slices after the
 //                       optimiser's forced merge, word tables) per byte of
 //                       raw text: counter disk_per_raw
+//   BM_DiskGenlogs      the same for 50 MB of the sample generator's logs
+//                       (syslog, access, key=value, Java, JSON over several
+//                       hosts), added with velmor-index and merged with
+//                       velmor-optimize -f; counters break the slices down
+//                       per event: values (8 bytes each), attribute bits,
+//                       the fixed 24 bytes of each distinct term (list
+//                       offset, statistics, reversed map), both lexicons,
+//                       and the posting lists
 //   BM_RareTerm/<k>     one query of a term held by one event in each
 //                       bucket, over a time range covering k buckets
 //                       (forked engine per bucket, as searches run it;
@@ -19,12 +27,16 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
+#include "searchthing/warmslice.h"
 #include "util/MainThread.h"
 #include "util/Pathname.h"
 
@@ -145,6 +157,85 @@ void BM_DiskPerRawByte(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_DiskPerRawByte)->Iterations(1)->Unit(benchmark::kSecond);
+
+// Bytes of each part of the slices in a directory, from their headers.
+struct SliceParts {
+  double values = 0, attrs = 0, termFixed = 0, lexicons = 0, postings = 0;
+  double events = 0, terms = 0, postingCount = 0;
+};
+
+SliceParts sliceParts(const Pathname& dir) {
+  SliceParts s;
+  std::vector<Str> names;
+  if (!dir.readDirectory(names)) return s;
+  for (const Str& n : names) {
+    if (!n.endswith(".tsidx")) continue;
+    Pathname f = dir / n;
+    FILE* in = fopen(f.c_str(), "rb");
+    if (!in) continue;
+    unsigned char hdr[64];
+    st_warm_layout lay;
+    struct stat st;
+    if (fread(hdr, 1, sizeof hdr, in) == sizeof hdr && st_warm_slice_layout(hdr, &lay) == 0 &&
+        fstat(fileno(in), &st) == 0) {
+      unsigned char last[8] = {0};
+      if (lay.num_terms && fseek(in, long(lay.pl_offsets_off + 8 * (uint64_t(lay.num_terms) - 1)), SEEK_SET) == 0 &&
+          fread(last, 1, 8, in) != 8)
+        memset(last, 0, sizeof last);
+      uint64_t postings = 0;
+      for (unsigned char b : last) postings = postings << 8 | b;
+      s.values += 8.0 * lay.num_values;
+      s.attrs += double(lay.pl_offsets_off - lay.values_off) - 8.0 * lay.num_values;
+      s.termFixed += double(lay.flex_off - lay.pl_offsets_off);
+      s.postings += double(postings);
+      s.lexicons += double(uint64_t(st.st_size) - lay.flex_off - postings);
+      s.events += lay.num_values;
+      s.terms += lay.num_terms;
+      s.postingCount += lay.num_postings;
+    }
+    fclose(in);
+  }
+  return s;
+}
+
+void BM_DiskGenlogs(benchmark::State& state) {
+  for (auto _ : state) {
+    Pathname root = scratch();
+    Pathname home = root / "home", logs = root / "logs";
+    std::string env = "VELMOR_HOME=" + std::string(home) + " VELMOR_DB=" + std::string(home / "var/lib/velmor/db");
+    std::string cmds = std::string("bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh ") + home + " >/dev/null && " +
+                       VELMOR_BINARY_DIR "/bin/velmor-genlogs --seed 7 --size 50M --days 2 --hosts 4 --out " +
+                       logs + " >/dev/null 2>&1 && " + env + " " VELMOR_BINARY_DIR "/bin/velmor-index add main $(find " +
+                       logs + " -name '*.log' | sort) >/dev/null 2>&1";
+    if (system(cmds.c_str()) != 0) {
+      state.SkipWithError("genlogs or velmor-index failed");
+      root.removeRecursive();
+      return;
+    }
+    Pathname hot = home / "var/lib/velmor/db/defaultdb/db/db-hot";
+    std::string merge = std::string(VELMOR_BINARY_DIR "/bin/velmor-optimize -f ") + hot + " >/dev/null 2>&1";
+    bool merged = system(merge.c_str()) == 0;
+    double raw = double(logs.treeSize());
+    double disk = double((home / "var/lib/velmor/db/defaultdb/db").treeSize());
+    SliceParts p = sliceParts(hot);
+    state.counters["raw_MB"] = raw / 1e6;
+    state.counters["disk_per_raw"] = disk / raw;
+    state.counters["rawdata_per_raw"] = double((hot / "rawdata").treeSize()) / raw;
+    state.counters["slices_per_raw"] = (p.values + p.attrs + p.termFixed + p.lexicons + p.postings) / raw;
+    state.counters["merged"] = merged ? 1 : 0;
+    if (p.events > 0) {
+      state.counters["raw_B_per_event"] = raw / p.events;
+      state.counters["terms_per_event"] = p.terms / p.events;
+      state.counters["postings_per_event"] = p.postingCount / p.events;
+      state.counters["B_values"] = (p.values + p.attrs) / p.events;
+      state.counters["B_term_fixed"] = p.termFixed / p.events;
+      state.counters["B_lexicons"] = p.lexicons / p.events;
+      state.counters["B_postings"] = p.postings / p.events;
+    }
+    root.removeRecursive();
+  }
+}
+BENCHMARK(BM_DiskGenlogs)->Iterations(1)->Unit(benchmark::kSecond);
 
 // 100 buckets of 2000 events each, event times rising, the newest bucket
 // hot; "rare<k>" on one event of bucket k.
