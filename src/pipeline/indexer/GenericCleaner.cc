@@ -37,6 +37,7 @@ GenericCleaner::GenericCleaner(const PropertiesMap& stanza) {
     for (const Str& b : parseBreakerList(v)) addBreaker(b, true);
   if (stanza.get("MINOR", v))
     for (const Str& b : parseBreakerList(v)) addBreaker(b, false);
+  for (int c = 0; c < 256; ++c) _plain[c] = _trie[0].child[c] == 0 && !isForcedBreaker((unsigned char)c);
   PropertyPages::layeredFind("LOOKAHEAD", stanza, _lookahead);
   PropertyPages::layeredFind("MINOR_LEN", stanza, _minorLen);
   PropertyPages::layeredFind("MAJOR_LEN", stanza, _majorLen);
@@ -185,7 +186,7 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const
 
   while (p < end) {
     bool major = false;
-    size_t blen = matchBreaker(p, end, major);
+    size_t blen = _plain[(unsigned char)*p] ? 0 : matchBreaker(p, end, major);
     size_t off = base + size_t(p - text.data());
     if (blen == 0) {
       if (w.bufLen < kMaxSegment) {

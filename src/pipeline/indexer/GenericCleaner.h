@@ -67,6 +67,9 @@ class GenericCleaner {
   bool pass(Work& w, size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb) const;
 
   std::vector<Node> _trie;
+  // Bytes that neither begin a breaker nor are forced breakers: the common
+  // case, decided without walking the trie.
+  bool _plain[256];
   std::unique_ptr<Regex> _filter;
   long _lookahead = -1;
   long _minorLen = -1;
