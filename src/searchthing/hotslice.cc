@@ -5,6 +5,7 @@
 #include <assert.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 
@@ -17,6 +18,12 @@ static inline uint32_t fast_mod(uint32_t key, uint64_t m, uint32_t d) {
 
 static bool is_good_hash_size(uint32_t max_terms) { return max_terms > 256 && (max_terms & 1) == 0; }
 
+static size_t round64(size_t n) { return (n + 63) & ~(size_t)63; }
+
+// Every table lives in one anonymous mapping, carved at 64-byte boundaries,
+// zero-filled by the kernel. Puts land at random across the term and value
+// hashes, so beyond a few megabytes a TLB miss per put would dominate: the
+// mapping asks for huge pages (a hint; without them it works the same).
 st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32_t max_postings,
                                   uint32_t max_values) {
   assert(is_good_hash_size(max_terms) && "_is_good_hash_size");
@@ -29,43 +36,46 @@ st_hot_slice* st_hot_slice_create(uint64_t pool_size, uint32_t max_terms, uint32
   h->max_values = max_values;
   h->term_mod = mod_magic(2 * max_terms);
   h->value_mod = mod_magic(2 * (max_values ? max_values : 1));
-  h->pool = (char*)malloc(pool_size ? pool_size : 1);
-  h->stats = (st_hot_term_stats*)malloc(sizeof(st_hot_term_stats) * max_terms);
-  h->term_hash = (st_hot_term_slot*)calloc(2 * (size_t)max_terms, sizeof(st_hot_term_slot));
-  h->postings = (st_hot_posting*)calloc(max_postings ? max_postings : 1, sizeof(st_hot_posting));
-  h->values = (st_tsval*)malloc(sizeof(st_tsval) * (max_values ? max_values : 1));
-  h->value_hash = (st_tsval**)calloc(2 * (size_t)(max_values ? max_values : 1), sizeof(st_tsval*));
-  h->value_numbers = (uint32_t*)malloc(sizeof(uint32_t) * (max_values ? max_values : 1));
-  h->sorted_terms = (const char**)malloc(sizeof(char*) * max_terms);
-  h->postings_per_term = (uint32_t*)malloc(sizeof(uint32_t) * max_terms);
-  h->flat_postings = (uint32_t*)malloc(sizeof(uint32_t) * (max_postings ? max_postings : 1));
-  h->rterms = (st_hot_rterm*)malloc(sizeof(st_hot_rterm) * max_terms);
-  h->term_lengths = (uint64_t*)malloc(sizeof(uint64_t) * max_terms);
-  h->rpool = (char*)malloc(pool_size + max_terms);
-  if (!h->pool || !h->stats || !h->term_hash || !h->postings || !h->values || !h->value_hash ||
-      !h->value_numbers || !h->sorted_terms || !h->postings_per_term || !h->flat_postings || !h->rterms ||
-      !h->term_lengths || !h->rpool) {
-    st_hot_slice_close(h);
+  const size_t T = max_terms, P = max_postings ? max_postings : 1, V = max_values ? max_values : 1;
+  struct {
+    void** at;
+    size_t bytes;
+  } parts[] = {
+      {(void**)&h->pool, pool_size ? pool_size : 1},
+      {(void**)&h->stats, sizeof(st_hot_term_stats) * T},
+      {(void**)&h->term_hash, sizeof(st_hot_term_slot) * 2 * T},
+      {(void**)&h->postings, sizeof(st_hot_posting) * P},
+      {(void**)&h->values, sizeof(st_tsval) * V},
+      {(void**)&h->value_hash, sizeof(st_tsval*) * 2 * V},
+      {(void**)&h->value_numbers, sizeof(uint32_t) * V},
+      {(void**)&h->sorted_terms, sizeof(char*) * T},
+      {(void**)&h->postings_per_term, sizeof(uint32_t) * T},
+      {(void**)&h->flat_postings, sizeof(uint32_t) * P},
+      {(void**)&h->rterms, sizeof(st_hot_rterm) * T},
+      {(void**)&h->term_lengths, sizeof(uint64_t) * T},
+      {(void**)&h->rpool, pool_size + T},
+  };
+  size_t total = 0;
+  for (size_t i = 0; i < sizeof parts / sizeof parts[0]; ++i) total += round64(parts[i].bytes);
+  void* arena = mmap(NULL, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (arena == MAP_FAILED) {
+    free(h);
     return NULL;
+  }
+  if (total >= ((size_t)2 << 20)) (void)madvise(arena, total, MADV_HUGEPAGE);
+  h->arena = arena;
+  h->arena_size = total;
+  char* at = (char*)arena;
+  for (size_t i = 0; i < sizeof parts / sizeof parts[0]; ++i) {
+    *parts[i].at = at;
+    at += round64(parts[i].bytes);
   }
   return h;
 }
 
 void st_hot_slice_close(st_hot_slice* h) {
   if (!h) return;
-  free(h->pool);
-  free(h->stats);
-  free(h->term_hash);
-  free(h->postings);
-  free(h->values);
-  free(h->value_hash);
-  free(h->value_numbers);
-  free(h->sorted_terms);
-  free(h->postings_per_term);
-  free(h->flat_postings);
-  free(h->rterms);
-  free(h->term_lengths);
-  free(h->rpool);
+  if (h->arena) munmap(h->arena, h->arena_size);
   free(h);
 }
 
@@ -235,10 +245,13 @@ int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, ui
     // Sort through rows of (text, slot), then lay the slots out in that
     // order in the upper half of the table (free: nt <= max_terms) and move
     // them down.
+    // Rows go in term-number order, which is the order of the texts in the
+    // pool, so that the sort's first pass over the texts streams.
     st_str_row* rows = h->rterms;
     for (size_t t = 0; t < nt; ++t) {
-      rows[t].text = h->term_hash[t].text;
-      rows[t].tag = (uint32_t)t;
+      st_str_row* r = &rows[h->term_hash[t].term_no];
+      r->text = h->term_hash[t].text;
+      r->tag = (uint32_t)t;
     }
     st_str_sort(rows, nt);
     st_hot_term_slot* upper = h->term_hash + h->max_terms;

@@ -1,7 +1,7 @@
 // Hot slice: the in-memory accumulator of postings (term, value) of one index.
 //
-// Every table is allocated once by st_hot_slice_create at a fixed capacity; a
-// put allocates nothing and does no I/O. Open state accepts puts; prepare
+// Every table is allocated once by st_hot_slice_create at a fixed capacity,
+// all of them in one mapping; a put allocates nothing and does no I/O. Open state accepts puts; prepare
 // sorts the tables for the slice writer and puts are then refused until a
 // reset. Owned by the index handle that created it; not thread-safe.
 #ifndef VELMOR_SEARCHTHING_HOTSLICE_H
@@ -40,6 +40,8 @@ typedef struct st_hot_term_slot {
 typedef st_str_row st_hot_rterm;
 
 typedef struct st_hot_slice {
+  void* arena;  // one mapping holding every table below
+  size_t arena_size;
   char* pool;
   uint64_t pool_size, pool_used;
   st_hot_term_stats* stats;

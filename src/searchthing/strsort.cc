@@ -18,7 +18,12 @@ static void sort_from(st_str_row* rows, size_t n, size_t depth) {
   // sorted on the next eight. The last such run is looped on, the others
   // recursed into, so the depth of recursion stays small for typical terms.
   while (n > 1) {
-    for (size_t i = 0; i < n; ++i) rows[i].key = chunk(rows[i].text + depth);
+    // Below the first level the texts of a run lie anywhere: ask for them
+    // a few rows ahead.
+    for (size_t i = 0; i < n; ++i) {
+      if (i + 8 < n) __builtin_prefetch(rows[i + 8].text + depth);
+      rows[i].key = chunk(rows[i].text + depth);
+    }
     std::sort(rows, rows + n, [](const st_str_row& a, const st_str_row& b) { return a.key < b.key; });
     st_str_row* tail = nullptr;
     size_t tail_n = 0;
