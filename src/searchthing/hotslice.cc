@@ -9,12 +9,7 @@
 
 #include <algorithm>
 
-// key % d without a division (Lemire's fastmod): m = 2^64 / d rounded up,
-// computed once per table size. Exact for every 32-bit key and divisor.
 static inline uint64_t mod_magic(uint32_t d) { return UINT64_C(0xFFFFFFFFFFFFFFFF) / d + 1; }
-static inline uint32_t fast_mod(uint32_t key, uint64_t m, uint32_t d) {
-  return (uint32_t)(((__uint128_t)(m * key) * d) >> 64);
-}
 
 static bool is_good_hash_size(uint32_t max_terms) { return max_terms > 256 && (max_terms & 1) == 0; }
 
@@ -88,7 +83,7 @@ static inline bool term_equal(const char* stored, const char* term, size_t len) 
 static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len, uint32_t key) {
   const uint32_t size = 2 * h->max_terms;
   const uint32_t hash = key;
-  st_hot_term_slot* s = &h->term_hash[fast_mod(key, h->term_mod, size)];
+  st_hot_term_slot* s = &h->term_hash[st_hot_fast_mod(key, h->term_mod, size)];
   if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   uint32_t step = 2347;
   for (size_t i = 0; i < len; ++i) step = step * 64 + (uint32_t)(int32_t)(signed char)term[i] + (step << 16) - step;
@@ -98,7 +93,7 @@ static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len
   // to single steps.
   for (uint32_t probes = 0;; ++probes) {
     key += probes < size ? step : 1;
-    s = &h->term_hash[fast_mod(key, h->term_mod, size)];
+    s = &h->term_hash[st_hot_fast_mod(key, h->term_mod, size)];
     if (!s->text || (s->key == hash && term_equal(s->text, term, len))) return s;
   }
 }
@@ -106,34 +101,14 @@ static st_hot_term_slot* find_term(st_hot_slice* h, const char* term, size_t len
 static st_tsval** find_value(st_hot_slice* h, int32_t time, uint32_t address) {
   const uint32_t size = 2 * h->max_values;
   uint32_t key = address;
-  st_tsval** s = &h->value_hash[fast_mod(key, h->value_mod, size)];
+  st_tsval** s = &h->value_hash[st_hot_fast_mod(key, h->value_mod, size)];
   if (!*s || (*s)->address == address) return s;
   uint32_t step = (uint32_t)time * address;
   if (!(step & 1)) step += 1;
   for (uint32_t probes = 0;; ++probes) {
     key += probes < size ? step : 1;
-    s = &h->value_hash[fast_mod(key, h->value_mod, size)];
+    s = &h->value_hash[st_hot_fast_mod(key, h->value_mod, size)];
     if (!*s || (*s)->address == address) return s;
-  }
-}
-
-uint32_t st_hot_slice_hash(const char* term, size_t* len) {
-  size_t n = 0;
-  uint32_t key = 5381;
-  while (n < ST_MAX_TERM_LEN && term[n]) key = key * 33 + (uint32_t)(int32_t)(signed char)term[n++];
-  *len = n;
-  return key;
-}
-
-void st_hot_slice_prefetch_slot(const st_hot_slice* h, uint32_t key) {
-  __builtin_prefetch(&h->term_hash[fast_mod(key, h->term_mod, 2 * h->max_terms)]);
-}
-
-void st_hot_slice_prefetch_term(const st_hot_slice* h, uint32_t key) {
-  const st_hot_term_slot* s = &h->term_hash[fast_mod(key, h->term_mod, 2 * h->max_terms)];
-  if (s->text) {
-    __builtin_prefetch(s->text);
-    __builtin_prefetch(&h->stats[s->term_no], 1);
   }
 }
 

@@ -77,9 +77,21 @@ void st_hot_slice_close(st_hot_slice* h);
 // REQUIRES: not prepared; h and term non-null.
 int st_hot_slice_put(st_hot_slice* h, const char* term, int32_t time, uint32_t address, uint32_t type,
                      uint32_t source, uint32_t source_type, uint32_t host);
+// key % d without a division (Lemire's fastmod): m = 2^64 / d rounded up,
+// computed once per table size. Exact for every 32-bit key and divisor.
+static inline uint32_t st_hot_fast_mod(uint32_t key, uint64_t m, uint32_t d) {
+  return (uint32_t)(((__uint128_t)(m * key) * d) >> 64);
+}
+
 // The hash that put files a term under, and the term's length capped at
 // 2047 bytes.
-uint32_t st_hot_slice_hash(const char* term, size_t* len);
+static inline uint32_t st_hot_slice_hash(const char* term, size_t* len) {
+  size_t n = 0;
+  uint32_t key = 5381;
+  while (n < ST_MAX_TERM_LEN && term[n]) key = key * 33 + (uint32_t)(int32_t)(signed char)term[n++];
+  *len = n;
+  return key;
+}
 // st_hot_slice_put with the hash and length already taken.
 int st_hot_slice_put_hashed(st_hot_slice* h, const char* term, size_t len, uint32_t key, int32_t time,
                             uint32_t address, uint32_t type, uint32_t source, uint32_t source_type, uint32_t host);
@@ -87,8 +99,16 @@ int st_hot_slice_put_hashed(st_hot_slice* h, const char* term, size_t len, uint3
 // (once that is likely cached) the text and statistics behind the slot.
 // A caller that knows several terms ahead issues the first some puts before
 // the put and the second a few puts before it.
-void st_hot_slice_prefetch_slot(const st_hot_slice* h, uint32_t key);
-void st_hot_slice_prefetch_term(const st_hot_slice* h, uint32_t key);
+static inline void st_hot_slice_prefetch_slot(const st_hot_slice* h, uint32_t key) {
+  __builtin_prefetch(&h->term_hash[st_hot_fast_mod(key, h->term_mod, 2 * h->max_terms)]);
+}
+static inline void st_hot_slice_prefetch_term(const st_hot_slice* h, uint32_t key) {
+  const st_hot_term_slot* s = &h->term_hash[st_hot_fast_mod(key, h->term_mod, 2 * h->max_terms)];
+  if (s->text) {
+    __builtin_prefetch(s->text);
+    __builtin_prefetch(&h->stats[s->term_no], 1);
+  }
+}
 void st_hot_slice_reset(st_hot_slice* h);
 // Sorts for writing: values by time and address descending (value number 0 is
 // the newest), terms by strcmp, each term's value numbers ascending without
