@@ -259,7 +259,14 @@ int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, ui
       const uint32_t n = h->stats[h->term_hash[t].term_no].count;
       uint32_t* src = h->flat_postings + begin;
       begin += n;
-      std::sort(src, src + n);
+      // Events mostly arrive oldest first while value numbers count from the
+      // newest, so a run is usually descending already: reverse it then.
+      if (n > 1) {
+        if (std::is_sorted(src, src + n, [](uint32_t a, uint32_t b) { return a > b; }))
+          std::reverse(src, src + n);
+        else if (!std::is_sorted(src, src + n))
+          std::sort(src, src + n);
+      }
       uint32_t* run = h->flat_postings + pos;
       if (run != src) memmove(run, src, sizeof(uint32_t) * n);
       last_before = n;
