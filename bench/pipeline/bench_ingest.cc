@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
+#include "pipeline/indexer/EngineRunnerScope.h"
 #include "searchthing/warmslice.h"
 #include "util/MainThread.h"
 #include "util/Pathname.h"
@@ -288,6 +289,9 @@ BENCHMARK(BM_RareTerm)->Args({1, 0})->Args({10, 0})->Args({100, 0})->Args({1, 1}
 
 int main(int argc, char** argv) {
   MThread mainThread;
+  // As in the tools: child processes (gzip, forked engines) start through
+  // the process runner, not by forking this large process.
+  EngineRunnerScope runner;
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
