@@ -101,6 +101,7 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   void flushBlockSignatures();
 
   // --- querying ------------------------------------------------------------------
+  using IPartitionPolicy::query;  // the forms that go on from a QueryHint
   bool query(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms, const std::vector<Str>& notTerms,
              int32_t start, int32_t end, size_t count, std::vector<ValueWrapper>& out, size_t skip = 0) override;
   // Runs a prepared spec on one opened bucket (skip 0), under the read lock.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "pipeline/indexer/DataWrapper.h"
+#include "pipeline/indexer/QueryHint.h"
 #include "pipeline/indexer/ValueWrapper.h"
 #include "pipeline/indexer/WritableEvent.h"
 #include "util/Pathname.h"
@@ -31,6 +32,18 @@ class IPartitionPolicy {
   virtual bool query(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
                      const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t count,
                      std::vector<ValueWrapper>& out, size_t skip = 0) = 0;
+  // The next block of such a query: at most `count` values below those the
+  // hint says were handed out, newest first; the hint then covers them too.
+  // A hint whose last block came back short gives nothing more. False when
+  // the query could not run (the hint is unchanged).
+  bool query(QueryHint& hint, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+             const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t count,
+             std::vector<ValueWrapper>& out);
+  // The same for one term.
+  bool query(QueryHint& hint, const Str& term, int32_t start, int32_t end, size_t count,
+             std::vector<ValueWrapper>& out) {
+    return query(hint, std::vector<Str>{term}, {}, {}, start, end, count, out);
+  }
   // Reads one event back; false when it cannot be read.
   virtual bool read(const ValueWrapper& value, DataWrapper& out) = 0;
 

@@ -146,8 +146,8 @@ class IndexToolTest : public ::testing::Test {
     return ids;
   }
 
-  int grepCount(const std::string& word, const std::string& file) {
-    std::string cmd = "grep -ciw -- '" + word + "' '" + file + "'";
+  // The number a shell command prints, or -1.
+  static int shellNumber(const std::string& cmd) {
     FILE* p = popen(cmd.c_str(), "r");
     int n = -1;
     if (p) {
@@ -155,6 +155,10 @@ class IndexToolTest : public ::testing::Test {
       pclose(p);
     }
     return n;
+  }
+
+  int grepCount(const std::string& word, const std::string& file) {
+    return shellNumber("grep -ciw -- '" + word + "' '" + file + "'");
   }
 
   std::string dir, home, db;
@@ -370,14 +374,7 @@ TEST_F(IndexToolTest, AddMergesTheSlicesItMade) {
   }
   std::string log = writeLog("merge.log", 1, 20000);
   auto slices = [&](const std::string& index) {
-    std::string cmd = "ls " + db + "/" + index + "/db/db-hot/*.tsidx | wc -l";
-    FILE* p = popen(cmd.c_str(), "r");
-    int n = -1;
-    if (p) {
-      if (fscanf(p, "%d", &n) != 1) n = -1;
-      pclose(p);
-    }
-    return n;
+    return shellNumber("ls " + db + "/" + index + "/db/db-hot/*.tsidx | wc -l");
   };
   for (const char* index : {"merged", "unmerged"}) {
     ToolRun add = run({"add", index, log, "--sync-every", "2000"});
