@@ -92,7 +92,8 @@ typedef struct st_pl_reader {
 int st_warm_slice_layout(const unsigned char* header, st_warm_layout* out);
 
 // Writes the prepared hot slice as a file named by st_warm_slice_filename
-// (name copied to fname). In-memory writer: returns a handle over the buffer.
+// (name copied to fname), built in a mapping of the file itself; returns a
+// handle on the written file.
 st_warm_slice* st_warm_slice_create(st_hot_slice* hot, char* fname, size_t fname_size, const char* prefix,
                                     const char* suffix);
 // Descriptor writer: returns a malloc'd record (caller frees), or null.

@@ -4,6 +4,7 @@
 #include <assert.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -145,26 +146,41 @@ st_warm_slice* st_warm_slice_create(st_hot_slice* hot, char* fname, size_t fname
   const uint64_t T = nt, P = np;
   const uint64_t lex_room = T + term_bytes + 4 * (2 * T + 3);
   const uint64_t bufsize = lay.flex_off + 2 * lex_room + 4 + 5 * P + 8 * T;
-  unsigned char* buf = (unsigned char*)calloc(1, bufsize);
+  // The file is built in place: its room is reserved (so that a full disk
+  // is an error here, not a fault while filling the mapping), mapped, filled
+  // (reserved blocks read as zeros) and cut to its length. That spares a
+  // buffer of the same size and the copy of it into the file.
+  st_warm_slice_fd_record rec = {latest, earliest};
+  st_warm_slice_fd_filename(fname, fname_size, prefix, suffix, &rec);
   const char** rtexts = reversed_texts(hot, nt);
-  if (!buf || !rtexts) {
-    free(buf);
-    free(rtexts);
-    return NULL;
+  int fd = rtexts ? open(fname, O_RDWR | O_CREAT | O_TRUNC, 0600) : -1;
+  unsigned char* buf = NULL;
+  if (fd >= 0 && posix_fallocate(fd, 0, (off_t)bufsize) == 0) {
+    void* m = mmap(NULL, bufsize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (m != MAP_FAILED) buf = (unsigned char*)m;
   }
+  // Any failure from here: the partial file goes, and the caller may take
+  // the descriptor road.
+  auto give_up = [&]() -> st_warm_slice* {
+    free(rtexts);
+    if (buf) munmap(buf, bufsize);
+    if (fd >= 0) {
+      close(fd);
+      unlink(fname);
+    }
+    return NULL;
+  };
+  if (!buf) return give_up();
   memcpy(buf, hdr, sizeof hdr);
   fill_fixed(hot, buf, &lay);
 
   st_fclex_handle* fl = st_fclex_create(buf + lay.flex_off, lex_room, hot->sorted_terms, nt, 8, (uint32_t)hot->pool_used);
   uint64_t rlex_off = fl ? lay.flex_off + round4(st_fclex_size(fl)) : 0;
   st_fclex_handle* rl = fl ? st_fclex_create(buf + rlex_off, lex_room, rtexts, nt, 8, (uint32_t)hot->pool_used) : NULL;
-  free(rtexts);
   st_fclex_close(fl);
-  if (!rl) {
-    st_fclex_close(rl);
-    free(buf);
-    return NULL;
-  }
+  if (!rl) return give_up();
+  free(rtexts);
+  rtexts = NULL;
   uint64_t base = rlex_off + st_fclex_size(rl);
   st_fclex_close(rl);
 
@@ -172,33 +188,19 @@ st_warm_slice* st_warm_slice_create(st_hot_slice* hot, char* fname, size_t fname
   for (uint32_t t = 0; t < nt; ++t) {
     uint32_t n = hot->postings_per_term[t];
     int64_t w = encode_list(buf + base + k, bufsize - base - k, hot->flat_postings + pos, n);
-    if (w < 0) {
-      free(buf);
-      return NULL;
-    }
+    if (w < 0) return give_up();
     pos += n;
     k += (uint64_t)w;
     st_put_be64(buf + lay.pl_offsets_off + 8 * (uint64_t)t, k);
   }
   uint64_t total = base + k;
-
-  st_warm_slice_fd_record rec = {latest, earliest};
-  st_warm_slice_fd_filename(fname, fname_size, prefix, suffix, &rec);
-  int fd = open(fname, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (fd < 0 || write_all_at(fd, buf, total, 0) != 0) {
-    if (fd >= 0) {
-      close(fd);
-      unlink(fname);
-    }
-    free(buf);
-    return NULL;
-  }
+  munmap(buf, bufsize);
+  buf = NULL;
+  if (ftruncate(fd, (off_t)total) != 0) return give_up();
   close(fd);
-  st_warm_slice* ws = st_warm_slice_from_memory(buf, total);
-  if (!ws) {
-    unlink(fname);
-    free(buf);
-  }
+  fd = -1;
+  st_warm_slice* ws = st_warm_slice_open(fname, 0);
+  if (!ws) unlink(fname);
   return ws;
 }
 
