@@ -48,6 +48,9 @@ bool IndexableValue::acceptToken(const char* term, size_t len, size_t, size_t) {
 void IndexableValue::index(const IndexableEvent& ev) {
   // Probe first: a nearly full hot slice flushes before this event's terms.
   if (_handle) st_put(_handle, "", 0, 0, 0, 0, 0, 0);
+  // Terms of an earlier event cut short by an exception are not this one's.
+  _batch.clear();
+  _batchCount = 0;
   _inIndex = true;
   put(StrSegment("meta::all", 9), false);
 
