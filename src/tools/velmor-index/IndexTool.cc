@@ -208,13 +208,20 @@ int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& total
   size_t cap = 0;
   ssize_t n;
   uint64_t added = 0, skipped = 0, sinceSync = 0, bytes = 0;
+  // A line without a stamp (a stack trace line, a wrapped message) belongs
+  // with the stamped line above it; before the first stamp, the file's
+  // modification time stands in.
+  int64_t lastStamp = int64_t(st.st_mtime);
   while ((n = getline(&line, &cap, in)) > 0) {
     bytes += uint64_t(n);
     size_t len = size_t(n);
     while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
     StrSegment raw(line, len);
     int64_t t;
-    if (!stamps.parse(raw, t) || t < INT32_MIN || t > INT32_MAX) t = int64_t(st.st_mtime);
+    if (stamps.parse(raw, t) && t >= INT32_MIN && t <= INT32_MAX)
+      lastStamp = t;
+    else
+      t = lastStamp;
     int tl = snprintf(timeText, sizeof timeText, "%lld", (long long)t);
     ev.time = StrSegment(timeText, size_t(tl));
     ev.raw = raw;

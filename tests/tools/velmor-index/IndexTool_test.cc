@@ -200,25 +200,35 @@ TEST_F(IndexToolTest, LoghubWordCountsMatchGrep) {
 }
 
 TEST_F(IndexToolTest, TimesBoundsAndOrder) {
-  std::string log = writeLog("a.log", 1, 3600);
-  // One line with no stamp is timed by the file's modification time.
+  // A line with no stamp before any stamped line is timed by the file's
+  // modification time; one after a stamped line takes that line's time.
+  std::string log = dir + "/a.log";
+  {
+    std::ofstream f(log);
+    f << "no stamp here evtnostamp\n";
+  }
+  writeLog("rest.log", 1, 3600);
+  ASSERT_EQ(system(("cat " + dir + "/rest.log >> " + log).c_str()), 0);
   {
     std::ofstream f(log, std::ios::app);
-    f << "no stamp here evtnostamp\n\n   \n";
+    f << "\tat continuation evtcontinued\n\n   \n";
   }
   struct timespec times[2] = {{1700000000, 0}, {1700000000, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, log.c_str(), times, 0), 0);
   ToolRun add = run({"add", "t", log, "--host", "web9"});
   ASSERT_EQ(add.status, 0) << add.err;
-  EXPECT_NE(add.err.find("3601 events added to t, 2 blank lines skipped"), std::string::npos) << add.err;
+  EXPECT_NE(add.err.find("3602 events added to t, 2 blank lines skipped"), std::string::npos) << add.err;
 
   std::vector<std::string> all = search("t", {});
-  ASSERT_EQ(all.size(), 3601u);
+  ASSERT_EQ(all.size(), 3602u);
+  std::vector<std::string> continued = search("t", {"evtcontinued"});
+  ASSERT_EQ(continued.size(), 1u);
+  EXPECT_EQ(continued[0].substr(0, 21), "2026-11-20T01:00:00Z\t") << "the time of the last stamped line";
   // Newest first; the stamp-less line carries the file time (the oldest).
   EXPECT_EQ(all.front().substr(0, 21), "2026-11-20T01:00:00Z\t");
   EXPECT_EQ(all.back().substr(0, 21), "2023-11-14T22:13:20Z\t");
   EXPECT_EQ(search("t", {"evtnostamp"}).size(), 1u);
-  EXPECT_EQ(search("t", {"host::web9"}).size(), 3601u);
+  EXPECT_EQ(search("t", {"host::web9"}).size(), 3602u);
   // [00:10:00, 00:19:59] holds ids 600..1199.
   EXPECT_EQ(search("t", {"--earliest", "2026-11-20T00:10:00Z", "--latest", "2026-11-20T00:19:59Z"}).size(), 600u);
   EXPECT_EQ(search("t", {"action=delete", "--earliest", "2026-11-20T00:10:00Z"}).size(), 500u);
