@@ -99,39 +99,6 @@ static st_warm_slice* new_handle(void) {
   return ws;
 }
 
-st_warm_slice* st_warm_slice_from_memory(unsigned char* buf, size_t size) {
-  st_warm_slice* ws = new_handle();
-  if (!ws) return NULL;
-  ws->file_size = size;
-  bool ok = size >= ST_WARM_HEADER_SIZE && st_warm_slice_layout(buf, &ws->lay) == 0 &&
-            check_layout(&ws->lay, size) == 0;
-  uint64_t fo = ws->lay.flex_off;
-  ok = ok && st_fclex_check(buf + fo, size - fo) == 0;
-  if (ok) {
-    ws->flex = st_fclex_open(buf + fo);
-    ws->rlex_off = fo + round4(ws->flex ? st_fclex_size(ws->flex) : size);
-    ok = ws->flex && ws->rlex_off <= size && st_fclex_check(buf + ws->rlex_off, size - ws->rlex_off) == 0;
-  }
-  if (ok) {
-    ws->rlex = st_fclex_open(buf + ws->rlex_off);
-    ok = ws->rlex != NULL;
-  }
-  if (ok) {
-    ws->postings_base = ws->rlex_off + st_fclex_size(ws->rlex);
-    set_sections(ws, buf, 1);
-    ok = check_postings(ws) == 0 && check_lexicons(ws) == 0;
-  }
-  if (!ok) {
-    st_fclex_close(ws->flex);
-    st_fclex_close(ws->rlex);
-    free(ws);
-    return NULL;
-  }
-  ws->mem = buf;
-  ws->mem_size = size;
-  return ws;
-}
-
 static int pread_all(int fd, void* buf, size_t n, uint64_t off) {
   size_t done = 0;
   while (done < n) {
@@ -223,12 +190,11 @@ int st_warm_slice_close(st_warm_slice* ws) {
     if (munmap(ws->map, ws->map_size) != 0) rc = -1;
   }
   if (ws->fd >= 0) close(ws->fd);
-  free(ws->mem);
   free(ws);
   return rc;
 }
 
-uint64_t st_warm_slice_size(const st_warm_slice* ws) { return ws->map ? ws->map_size : ws->mem_size; }
+uint64_t st_warm_slice_size(const st_warm_slice* ws) { return ws->map ? ws->map_size : ws->file_size; }
 uint32_t st_warm_slice_terms(const st_warm_slice* ws) { return ws->lay.num_terms; }
 uint32_t st_warm_slice_values(const st_warm_slice* ws) { return ws->lay.num_values; }
 uint32_t st_warm_slice_blocksize(const st_warm_slice* ws) { return st_fclex_blocksize(ws->flex); }
@@ -314,10 +280,6 @@ int64_t st_warm_slice_read_postings(st_warm_slice* ws, uint64_t off, void* buf, 
   if (off >= ws->postings_size) return 0;
   if (len > ws->postings_size - off) len = (size_t)(ws->postings_size - off);
   uint64_t at = ws->postings_base + off;
-  if (ws->mem) {
-    memcpy(buf, ws->mem + at, len);
-    return (int64_t)len;
-  }
   if (ws->map && at + len <= ws->map_size) {
     memcpy(buf, ws->map + at, len);
     return (int64_t)len;

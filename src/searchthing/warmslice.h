@@ -45,8 +45,6 @@ typedef struct st_warm_slice {
   int fd;                       // open file (kept for pread), -1 for none
   unsigned char* map;           // mapping of the file, or null
   size_t map_size;
-  unsigned char* mem;           // owned buffer of a slice made in memory, or null
-  size_t mem_size;
   int for_updating;
   const unsigned char* body;    // header
   const unsigned char* values;
