@@ -219,9 +219,8 @@ int st_hot_slice_prepare(st_hot_slice* h, int32_t* latest, int32_t* earliest, ui
     memset(h->term_hash + nt, 0, (tsize - nt) * sizeof(st_hot_term_slot));
     // Sort through rows of (text, slot), then lay the slots out in that
     // order in the upper half of the table (free: nt <= max_terms) and move
-    // them down.
-    // Rows go in term-number order, which is the order of the texts in the
-    // pool, so that the sort's first pass over the texts streams.
+    // them down. Rows go in term-number order, which is the order of the
+    // texts in the pool, so that the sort's first pass over them streams.
     st_str_row* rows = h->rterms;
     for (size_t t = 0; t < nt; ++t) {
       st_str_row* r = &rows[h->term_hash[t].term_no];

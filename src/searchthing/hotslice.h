@@ -1,9 +1,9 @@
 // Hot slice: the in-memory accumulator of postings (term, value) of one index.
 //
 // Every table is allocated once by st_hot_slice_create at a fixed capacity,
-// all of them in one mapping; a put allocates nothing and does no I/O. Open state accepts puts; prepare
-// sorts the tables for the slice writer and puts are then refused until a
-// reset. Owned by the index handle that created it; not thread-safe.
+// all of them in one mapping; a put allocates nothing and does no I/O. Open
+// state accepts puts; prepare sorts the tables for the slice writer and puts
+// are then refused until a reset. Owned by the index handle that created it; not thread-safe.
 #ifndef VELMOR_SEARCHTHING_HOTSLICE_H
 #define VELMOR_SEARCHTHING_HOTSLICE_H
 
