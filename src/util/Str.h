@@ -146,4 +146,8 @@ Str operator+(Str&& a, char b);
 Str operator+(const char* a, const Str& b);
 Str operator+(char a, const Str& b);
 
+// Str hashes as its bytes, so it keys unordered containers.
+template <>
+struct std::hash<Str> : std::hash<std::string> {};
+
 #endif

@@ -15,6 +15,7 @@
 #include "pipeline/indexer/IndexableValue.h"
 #include "pipeline/indexer/TimeInvertedIndex.h"
 #include "libbundle/PropertiesMap.h"
+#include "libbundle/PropertyPages.h"
 #include "pipeline/indexer/BlockSigner.h"
 #include "pipeline/indexer/GenericCleaner.h"
 #include "pipeline/indexer/PolicyServiceThread.h"
@@ -471,6 +472,20 @@ void DatabasePartitionPolicy::service(int64_t now) {
     sync(true);
     pushNewDB(now);
   }
+}
+
+const GenericCleaner* DatabasePartitionPolicy::cleanerByName(const Str& name) {
+  ScopedRecursiveLock l(_mutex);
+  auto it = _cleaners.find(name);
+  if (it != _cleaners.end()) return it->second.get();
+  PropertyPages& pages = PropertyPages::instance("segmenters");
+  GenericCleaner* c = _defaultCleaner.get();
+  if (pages.propsExist(name) || pages.propsExist("default")) {
+    PropertiesMap stanza;
+    pages.fillLayers(stanza, name, false);
+    c = _cleaners.emplace(name, std::make_unique<GenericCleaner>(stanza)).first->second.get();
+  }
+  return c;
 }
 
 // --- word tables ----------------------------------------------------------------

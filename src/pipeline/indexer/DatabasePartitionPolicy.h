@@ -80,7 +80,7 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   void signalShutdown() override;
   bool isShutdownInProgress() const { return _shutdown.load(); }
   // Syncs the hot bucket's engine and raw data and the word tables.
-  void sync(bool force = true);
+  void sync(bool force = true) override;
   // Syncs and closes every bucket (also done by the destructor).
   void close();
 
@@ -88,9 +88,9 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   bool write(const WritableEvent& ev) override;
   // Rolls the hot bucket to warm now (under the directory locks). False when
   // it did not roll (an empty hot bucket never rolls).
-  bool rollHotDb();
+  bool rollHotDb() override;
   // Flushes pending block signatures and optimises the hot bucket.
-  void optimizeHotDb();
+  void optimizeHotDb() override;
   // Signature store for full blocks (the index named by
   // blockSignatureDatabase; may be this policy) and the PEM file of the
   // private key that signs them (empty: blocks carry their bare hash).
@@ -117,48 +117,56 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   // With checkSignatures each event's audit field is set from the
   // signature index. Returns the number read.
   size_t read(const std::vector<ValueWrapper>& values, std::vector<DataWrapper>& out, std::vector<bool>& ok,
-              size_t threads = 0, bool checkSignatures = false);
+              size_t threads = 0, bool checkSignatures = false) override;
+  // Sum of the term's count in every listed bucket's engine (st_meta).
+  long getTermCount(const Str& term) override;
+  // validate() under the table's reader lock.
+  bool lockedValidateConsistency() override;
+  // Segmenters by stanza name, made on first use and kept.
+  const GenericCleaner* cleanerByName(const Str& name) override;
 
   // --- metadata -------------------------------------------------------------------
   MetaData& globalHosts() { return *_global[1]; }
   MetaData& globalSources() { return *_global[2]; }
   MetaData& globalSourceTypes() { return *_global[3]; }
   MetaData& globalEventTypes() { return *_global[0]; }
-  std::vector<WordPositionData> getHosts();
-  std::vector<WordPositionData> getSources();
-  std::vector<WordPositionData> getSourceTypes();
-  uint64_t getTotalEventCount();
-  bool getMinAndMaxTimes(int64_t& minTime, int64_t& maxTime);
+  std::vector<WordPositionData> getHosts() override;
+  std::vector<WordPositionData> getSources() override;
+  std::vector<WordPositionData> getSourceTypes() override;
+  uint64_t getTotalEventCount() override;
+  bool getMinAndMaxTimes(int64_t& minTime, int64_t& maxTime) override;
+  void getBucketCodesForWord(int table, const Str& word, std::vector<std::pair<uint32_t, uint32_t>>& out) override;
   // Words of a bucket's codes (as a ValueWrapper carries them).
-  bool getGlobalHostWordForCode(uint32_t bucketId, uint32_t code, Str& out);
-  bool getGlobalSourceWordForCode(uint32_t bucketId, uint32_t code, Str& out);
-  bool getGlobalSourceTypeWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  bool getGlobalHostWordForCode(uint32_t bucketId, uint32_t code, Str& out) override;
+  bool getGlobalSourceWordForCode(uint32_t bucketId, uint32_t code, Str& out) override;
+  bool getGlobalSourceTypeWordForCode(uint32_t bucketId, uint32_t code, Str& out) override;
   // Words of the global tables starting with prefix, with their counts.
-  std::vector<std::pair<Str, uint64_t>> getMatchingWordsAndCountsForPrefix(const Str& prefix);
+  std::vector<std::pair<Str, uint64_t>> getMatchingWordsAndCountsForPrefix(const Str& prefix) override;
 
   // --- management -------------------------------------------------------------------
   // Marks deleted, in every bucket, the events holding term in [start, end].
   // Throws DatabasePartitionPolicyException "insufficient privileges to
   // perform this operation" unless allowed. Returns the number deleted.
-  size_t deleteByKeyword(const Str& term, int32_t start, int32_t end, bool allowed);
+  size_t deleteByKeyword(const Str& term, int32_t start, int32_t end, bool allowed) override;
   // Writes the events matching the terms to a text export file. Returns the
   // number written, or -1 when the file cannot be written.
-  long exportByKeyword(const std::vector<Str>& andTerms, int32_t start, int32_t end, const Pathname& file);
+  long exportByKeyword(const std::vector<Str>& andTerms, int32_t start, int32_t end,
+                       const Pathname& file) override;
   // Writes the events of an export file into this index; returns the number
   // written, or -1 when the file cannot be read or is not an export.
   long importExportFile(const Pathname& file);
   // Checks the lists against the directories; false (logged) on a mismatch.
-  bool validate();
+  bool validate() override;
   // Lists the bucket directories again (after buckets were thawed by hand).
-  void rescanDirectories();
+  void rescanDirectories() override;
 
   // Takes new settings; the name and the three paths stay as they were
   // (moving an index needs a restart).
   void setPolicy(const PolicyParameters& params);
-  const PolicyParameters& getPolicyParameters() const { return _params; }
-  const Str& getName() const { return _params.name; }
-  int64_t getCreationTime() const { return _creationTime; }
-  bool isReadOnly() const { return _readOnly; }
+  const PolicyParameters& getPolicyParameters() const override { return _params; }
+  const Str& getName() const override { return _params.name; }
+  int64_t getCreationTime() const override { return _creationTime; }
+  bool isReadOnly() const override { return _readOnly; }
 
   // For tests and tools: the table (guard with tableLock()).
   DatabasePartitionTable& table() { return _table; }
@@ -237,6 +245,7 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   std::atomic<int64_t> _lastNow{0};   // latest clock seen by service()
   bool _pendingHotId = false;
   std::unique_ptr<GenericCleaner> _defaultCleaner;
+  std::map<Str, std::unique_ptr<GenericCleaner>> _cleaners;  // by stanza, under _mutex
   std::unique_ptr<BlockSigner> _signer;
   DatabasePartitionPolicy* _signatureStore = nullptr;
   std::unique_ptr<PolicyServiceThread> _serviceThread;

@@ -162,6 +162,8 @@ bool DatabasePartitionPolicy::validate() {
   return ok;
 }
 
+bool DatabasePartitionPolicy::lockedValidateConsistency() { return validate(); }
+
 void DatabasePartitionPolicy::rescanDirectories() {
   ScopedPolicyLock dirs(_params);
   ScopedWriter w(_tableLock);

@@ -157,6 +157,36 @@ int DatabasePartitionPolicy::query(uint32_t bucketId, const st_query_spec& spec,
   return int(values.size());
 }
 
+long DatabasePartitionPolicy::getTermCount(const Str& term) {
+  if (_shutdown.load()) return -1;
+  ScopedReader r(_tableLock);
+  if (!_started) return -1;
+  long total = 0;
+  for (const auto& b : _table.all()) {
+    if (!b->isOpen()) continue;  // closed cold buckets are not opened to count
+    b->inUse.fetch_add(1);
+    long n = b->index().getTermCount(term, engineNow());
+    b->inUse.fetch_sub(1);
+    if (n < 0) return -1;
+    total += n;
+  }
+  return total;
+}
+
+void DatabasePartitionPolicy::getBucketCodesForWord(int table, const Str& word,
+                                                    std::vector<std::pair<uint32_t, uint32_t>>& out) {
+  out.clear();
+  if (table < 1 || table > 3) return;
+  ScopedReader r(_tableLock);
+  for (const auto& b : _table.all()) {
+    if (!b->isOpen()) continue;
+    TimeInvertedIndex& i = b->index();
+    MetaData& t = table == 1 ? i.hosts() : table == 2 ? i.sources() : i.sourceTypes();
+    long code = t.getCodeForWord(StrSegment(word));
+    if (code >= 0) out.emplace_back(b->id(), uint32_t(code));
+  }
+}
+
 std::shared_ptr<TEDB> DatabasePartitionPolicy::getOpenedDBById(uint32_t id) {
   ScopedReader r(_tableLock);
   std::shared_ptr<TEDB> b = _table.findById(id);

@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include "libbundle/PropertiesMap.h"
+#include "pipeline/indexer/GenericCleaner.h"
+#include "pipeline/indexer/PolicyParameters.h"
 #include "searchthing/lock.h"
 #include "util/Logger.h"
 
@@ -53,3 +56,63 @@ bool IPartitionPolicy::query(QueryHint& hint, const std::vector<Str>& andTerms, 
   hint.advance(out, complete ? count + 1 : count);
   return true;
 }
+
+// --- neutral defaults for test doubles -------------------------------------------------
+
+size_t IPartitionPolicy::read(const std::vector<ValueWrapper>& values, std::vector<DataWrapper>& out,
+                              std::vector<bool>& ok, size_t, bool) {
+  out.assign(values.size(), DataWrapper());
+  ok.assign(values.size(), false);
+  size_t n = 0;
+  for (size_t i = 0; i < values.size(); ++i)
+    if (read(values[i], out[i])) {
+      ok[i] = true;
+      ++n;
+    }
+  return n;
+}
+
+const Str& IPartitionPolicy::getName() const {
+  static const Str kNone;
+  return kNone;
+}
+
+const PolicyParameters& IPartitionPolicy::getPolicyParameters() const {
+  static const PolicyParameters kNone;
+  return kNone;
+}
+
+long IPartitionPolicy::getTermCount(const Str&) { return -1; }
+bool IPartitionPolicy::lockedValidateConsistency() { return true; }
+
+const GenericCleaner* IPartitionPolicy::cleanerByName(const Str&) {
+  static const GenericCleaner* kDefault = [] {
+    PropertiesMap m;
+    m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * & ? +");
+    m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
+    return new GenericCleaner(m);
+  }();
+  return kDefault;
+}
+
+std::vector<WordPositionData> IPartitionPolicy::getHosts() { return {}; }
+std::vector<WordPositionData> IPartitionPolicy::getSources() { return {}; }
+std::vector<WordPositionData> IPartitionPolicy::getSourceTypes() { return {}; }
+uint64_t IPartitionPolicy::getTotalEventCount() { return 0; }
+bool IPartitionPolicy::getMinAndMaxTimes(int64_t&, int64_t&) { return false; }
+void IPartitionPolicy::getBucketCodesForWord(int, const Str&, std::vector<std::pair<uint32_t, uint32_t>>& out) {
+  out.clear();
+}
+bool IPartitionPolicy::getGlobalHostWordForCode(uint32_t, uint32_t, Str&) { return false; }
+bool IPartitionPolicy::getGlobalSourceWordForCode(uint32_t, uint32_t, Str&) { return false; }
+bool IPartitionPolicy::getGlobalSourceTypeWordForCode(uint32_t, uint32_t, Str&) { return false; }
+std::vector<std::pair<Str, uint64_t>> IPartitionPolicy::getMatchingWordsAndCountsForPrefix(const Str&) { return {}; }
+bool IPartitionPolicy::rollHotDb() { return false; }
+void IPartitionPolicy::sync(bool) {}
+void IPartitionPolicy::rescanDirectories() {}
+void IPartitionPolicy::optimizeHotDb() {}
+bool IPartitionPolicy::validate() { return true; }
+size_t IPartitionPolicy::deleteByKeyword(const Str&, int32_t, int32_t, bool) { return 0; }
+long IPartitionPolicy::exportByKeyword(const std::vector<Str>&, int32_t, int32_t, const Pathname&) { return -1; }
+bool IPartitionPolicy::isReadOnly() const { return false; }
+int64_t IPartitionPolicy::getCreationTime() const { return 0; }

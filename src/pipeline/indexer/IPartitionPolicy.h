@@ -13,12 +13,18 @@
 #include <cstdint>
 #include <vector>
 
+#include <utility>
+
 #include "pipeline/indexer/DataWrapper.h"
 #include "pipeline/indexer/QueryHint.h"
 #include "pipeline/indexer/ValueWrapper.h"
+#include "pipeline/indexer/WordPositionData.h"
 #include "pipeline/indexer/WritableEvent.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
+
+class GenericCleaner;
+class PolicyParameters;
 
 class IPartitionPolicy {
  public:
@@ -46,6 +52,58 @@ class IPartitionPolicy {
   }
   // Reads one event back; false when it cannot be read.
   virtual bool read(const ValueWrapper& value, DataWrapper& out) = 0;
+  // Reads many events: out[i] belongs to values[i], ok[i] says whether it
+  // was read. Returns the number read.
+  virtual size_t read(const std::vector<ValueWrapper>& values, std::vector<DataWrapper>& out,
+                      std::vector<bool>& ok, size_t threads = 0, bool checkSignatures = false);
+
+  // --- what the query engine asks of an index -----------------------------------
+  // Each has a neutral default (nothing known, nothing done) so that a test
+  // double overrides only what it serves; DatabasePartitionPolicy overrides all.
+  virtual const Str& getName() const;
+  virtual const PolicyParameters& getPolicyParameters() const;
+  // Events holding the term over all buckets (an estimate for ordering
+  // terms: deleted events still count), -1 when it cannot be told.
+  virtual long getTermCount(const Str& term);
+  // Checks the bucket lists against the directories before a query reads
+  // them; false (logged) on a mismatch.
+  virtual bool lockedValidateConsistency();
+  // The segmenter of a `segmenters` stanza (for instance "search", which
+  // cuts a search token into words as events were cut); never null: a
+  // missing stanza gives the default segmenter. The policy owns it.
+  virtual const GenericCleaner* cleanerByName(const Str& name);
+  // Index-wide word tables.
+  virtual std::vector<WordPositionData> getHosts();
+  virtual std::vector<WordPositionData> getSources();
+  virtual std::vector<WordPositionData> getSourceTypes();
+  virtual uint64_t getTotalEventCount();
+  virtual bool getMinAndMaxTimes(int64_t& minTime, int64_t& maxTime);
+  // Table 1 hosts, 2 sources, 3 source types: the (bucket id, bucket code)
+  // pairs under which the word (case-blind) is known, for code filters.
+  virtual void getBucketCodesForWord(int table, const Str& word,
+                                     std::vector<std::pair<uint32_t, uint32_t>>& out);
+  // Words of a bucket's codes (as a ValueWrapper carries them).
+  virtual bool getGlobalHostWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  virtual bool getGlobalSourceWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  virtual bool getGlobalSourceTypeWordForCode(uint32_t bucketId, uint32_t code, Str& out);
+  virtual std::vector<std::pair<Str, uint64_t>> getMatchingWordsAndCountsForPrefix(const Str& prefix);
+
+  // --- administration (the query language's debug and delete commands) ---------
+  // Rolls the hot bucket to warm; false when it did not roll.
+  virtual bool rollHotDb();
+  virtual void sync(bool force = true);
+  virtual void rescanDirectories();
+  virtual void optimizeHotDb();
+  virtual bool validate();
+  // Marks deleted the events holding term in [start, end]; returns how many.
+  // Throws DatabasePartitionPolicyException unless allowed.
+  virtual size_t deleteByKeyword(const Str& term, int32_t start, int32_t end, bool allowed);
+  // Writes the events holding every term to an export file; the number
+  // written, -1 when the file cannot be written.
+  virtual long exportByKeyword(const std::vector<Str>& andTerms, int32_t start, int32_t end,
+                               const Pathname& file);
+  virtual bool isReadOnly() const;
+  virtual int64_t getCreationTime() const;
 
   // Takes the directory lock of path ("<path>.lock"), waiting while another
   // process holds it. False when the lock cannot be taken at all.

@@ -215,6 +215,17 @@ bool TimeInvertedIndex::getValues(const std::vector<Str>& andTerms, const std::v
   return true;
 }
 
+long TimeInvertedIndex::getTermCount(const Str& term, int64_t now) {
+  doSyncIfNeeded(now);
+  st_handle* q = st_open_wflags(_dir.c_str(), 1);
+  if (!q) return -1;
+  st_meta_answer m;
+  std::memset(&m, 0, sizeof m);
+  int32_t rc = st_meta(q, term.c_str(), &m);
+  st_close(q);
+  return rc < 0 ? -1 : long(m.count);
+}
+
 static const char kTsvalMagic[8] = {'T', 'S', 'V', 'A', 'L', 'S', '0', '1'};
 
 bool TimeInvertedIndex::exportTsvals(const Pathname& path, int64_t now) {

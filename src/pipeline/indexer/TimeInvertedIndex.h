@@ -102,6 +102,11 @@ class TimeInvertedIndex {
                  const std::vector<Str>& notTerms, int32_t start, int32_t end, uint32_t capacity, int64_t now,
                  std::vector<st_tsval>& out);
 
+  // Events holding the term in this index (st_meta on a direct read-only
+  // handle: a count read from the lexicons, no postings walked), -1 when the
+  // index could not be asked. Deleted events still count.
+  long getTermCount(const Str& term, int64_t now);
+
   // Dump of every value of the index (terms dropped), for rebuilding a
   // bucket. File layout, native byte order:
   //
