@@ -94,6 +94,10 @@ index_demo() {
   if ! grep -qx '\[demo\]' "$conf" 2>/dev/null; then
     cat >> "$conf" <<'EOF'
 
+[default]
+# queries that name no index search the demo's
+defaultDatabase = demo
+
 [demo]
 homePath = $VELMOR_DB/demo/db
 coldPath = $VELMOR_DB/demo/colddb
@@ -144,6 +148,35 @@ EOF
     "$("$tool" search demo host::web-01 --earliest 2026-11-18T14:00:00Z --latest 2026-11-18T14:59:59Z --count 100000 | wc -l)"
 }
 
+# Runs inner queries over the demo index with velmor-index query: the ten
+# newest events holding "error" but not "debug", as a result document, and
+# the counts of a few queries next to grep's.
+query_demo() {
+  local tool="$BUILD/bin/velmor-index" all q doc
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
+  q='SEARCH error NOT debug GET events::0-9 OUTPUT velmorui::2.2'
+  echo "== Inner query: velmor-index query '$q'"
+  doc=$("$tool" query "$q")
+  printf '%s\n' "$doc" | head -c 1500 | sed 's/^/   /'
+  echo
+  echo "   ... ($(printf '%s\n' "$doc" | grep -c '<r ' || true) events in the document)"
+  echo "== Counts of inner queries against grep"
+  local count
+  count() {
+    "$tool" query "SEARCH $1 maxresults::1000000 GET events::0-0 OUTPUT velmorui::2.2" |
+      sed -n 's/.*<results type="events" c="[0-9]*" tc="\([0-9]*\)".*/\1/p' | head -n 1
+  }
+  # shellcheck disable=SC2086
+  printf '   %-32s index: %7s   grep: %7s\n' "error NOT debug" "$(count 'error NOT debug')" \
+    "$(cat $all | grep -iw error | grep -civw debug || true)"
+  # shellcheck disable=SC2086
+  printf '   %-32s index: %7s   grep: %7s\n' "failed password" "$(count 'failed password')" \
+    "$(cat $all | grep -iw failed | grep -ciw password || true)"
+  # shellcheck disable=SC2086
+  printf '   %-32s index: %7s   grep: %7s\n' "timeout OR refused" "$(count 'timeout OR refused')" \
+    "$(cat $all | grep -ciwE 'timeout|refused' || true)"
+}
+
 # Searches the CSV of web requests with velmor-search: the server errors,
 # their size in KB, the slowest first, one per client, the top ten, written
 # back with outputcsv (usexml=true, so the tool prints the rows as XML).
@@ -176,4 +209,5 @@ generate_samples
 summarise
 show_config
 index_demo
+query_demo
 search_csv_demo

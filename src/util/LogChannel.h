@@ -9,6 +9,7 @@
 // channel for the rest of the process once initialize() resolved them.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -22,18 +23,20 @@ class LogChannel {
       : _name(name), _level(level), _appenders(appenders) {}
 
   const std::string& getName() const { return _name; }
-  int getLevel() const { return _level; }
-  void setLevel(int level) { _level = level; }
+  // The level may change at run time (Logger::setChannelLevel) while other
+  // threads log: it is atomic.
+  int getLevel() const { return _level.load(std::memory_order_relaxed); }
+  void setLevel(int level) { _level.store(level, std::memory_order_relaxed); }
   const std::vector<LogAppender*>& getAppenders() const { return _appenders; }
   void setAppenders(const std::vector<LogAppender*>& a) { _appenders = a; }
 
-  bool isEnabled(int level) const { return level >= _level; }
+  bool isEnabled(int level) const { return level >= getLevel(); }
 
   // Writes one message (already printf-expanded) to every appender.
   void write(int level, const char* message, size_t length, const struct timespec& when) const;
 
  private:
   std::string _name;
-  int _level;
+  std::atomic<int> _level;
   std::vector<LogAppender*> _appenders;
 };

@@ -3,6 +3,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -275,6 +276,22 @@ LogChannel* LogConfig::channelFor(const std::string& name) {
   NOLOG_ScopedLock lock(_channelsMutex);
   LogChannel* ch = findChannel(name);
   return ch ? ch : makeChannel(name);
+}
+
+void LogConfig::setChannelLevel(const std::string& name, int level) {
+  NOLOG_ScopedLock lock(_channelsMutex);
+  if (!name.empty()) {
+    LogChannel* ch = findChannel(name);
+    (ch ? ch : makeChannel(name))->setLevel(level);
+    if (std::find(_runTimeLevels.begin(), _runTimeLevels.end(), name) == _runTimeLevels.end())
+      _runTimeLevels.push_back(name);
+    return;
+  }
+  for (auto& [n, ch] : _channels) {
+    bool own = std::find(_runTimeLevels.begin(), _runTimeLevels.end(), n) != _runTimeLevels.end();
+    for (const ChannelLine& c : _categoryLines) own = own || c.name == n;
+    if (!own) ch->setLevel(level);
+  }
 }
 
 void LogConfig::setupAppenders(const std::string& homeDir, bool useFiles) {

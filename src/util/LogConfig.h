@@ -66,6 +66,11 @@ class LogConfig {
   // The named channel, made from the root on need. REQUIRES: buildChannels().
   LogChannel* channelFor(const std::string& name);
   LogAppender* findAppender(const std::string& name) const;
+  // Changes a level at run time: the named channel's (made from the root on
+  // need), or, for an empty name, the root's and that of every channel
+  // whose level is still the root's copy (no "category." line of its own,
+  // no run-time level of its own). Takes the channels mutex.
+  void setChannelLevel(const std::string& name, int level);
 
   const std::vector<Message>& messages() const { return _messages; }
 
@@ -88,6 +93,7 @@ class LogConfig {
 
   std::string _rootValue;
   std::vector<ChannelLine> _categoryLines;
+  std::vector<std::string> _runTimeLevels;  // channels given a level by setChannelLevel
   std::map<std::string, std::unique_ptr<LogAppender>> _appenders;
   std::map<std::string, std::unique_ptr<LogChannel>> _channels;
   LogChannel* _root = nullptr;

@@ -172,6 +172,14 @@ bool Logger::isInitialized() {
   return r;
 }
 
+bool Logger::setChannelLevel(const std::string& name, int level) {
+  LogRegistry::lock();
+  LogConfig* config = LogRegistry::_config;
+  if (config != nullptr) config->setChannelLevel(name, level);
+  LogRegistry::unlock();
+  return config != nullptr;
+}
+
 const char* Logger::levelName(int level) {
   if (level < 0 || level > EMERG) return "???";
   return kLevelNames[level];

@@ -45,6 +45,11 @@ class Logger {
   static bool initialize(const std::string& configFile, const std::string& homeDir, bool useFiles);
   static bool isInitialized();
 
+  // Changes the level of the channel `name` at run time; an empty name is
+  // the root (with every channel that has no "category." line of its own).
+  // False before initialize() installed a configuration.
+  static bool setChannelLevel(const std::string& name, int level);
+
   // "DEBUG" ... "EMERG"; "???" for any other value.
   static const char* levelName(int level);
 

@@ -171,6 +171,31 @@ TEST(LogConfig, ChannelForMakesCopyOfRoot) {
   EXPECT_EQ(c.channelFor("known")->getLevel(), Logger::DEBUG);
 }
 
+// A run-time change of the root reaches the channels that copied it, not
+// those with a level of their own (a category line or an earlier run-time
+// change); a named change makes the channel when it does not exist yet.
+TEST(LogConfig, RunTimeLevelChange) {
+  LogConfig c;
+  ASSERT_TRUE(c.parse("rootCategory=ERROR,A1\ncategory.known=DEBUG", "f.cfg"));
+  c.buildChannels();
+  LogChannel* copied = c.channelFor("loader");
+  c.setChannelLevel("", Logger::WARN);
+  EXPECT_EQ(c.root()->getLevel(), Logger::WARN);
+  EXPECT_EQ(copied->getLevel(), Logger::WARN);
+  EXPECT_EQ(c.findChannel("known")->getLevel(), Logger::DEBUG);
+  c.setChannelLevel("known", Logger::CRIT);
+  EXPECT_EQ(c.findChannel("known")->getLevel(), Logger::CRIT);
+  c.setChannelLevel("fresh", Logger::INFO);
+  ASSERT_NE(c.findChannel("fresh"), nullptr);
+  EXPECT_EQ(c.findChannel("fresh")->getLevel(), Logger::INFO);
+  EXPECT_EQ(appenderNames(c.findChannel("fresh")), "A1");
+  EXPECT_EQ(copied->getLevel(), Logger::WARN);
+  c.setChannelLevel("", Logger::DEBUG);
+  EXPECT_EQ(copied->getLevel(), Logger::DEBUG);
+  EXPECT_EQ(c.findChannel("fresh")->getLevel(), Logger::INFO);
+  EXPECT_EQ(c.findChannel("known")->getLevel(), Logger::CRIT);
+}
+
 TEST(LogConfig, MissingFile) {
   LogConfig c;
   EXPECT_FALSE(c.readFile("/nonexistent/dir/log.cfg"));

@@ -12,6 +12,32 @@
 // QueryException with texts that read as the tail of "Search Execute failed
 // because ".
 //
+// Token rules beyond the plain ones. OR binds the member before it and the
+// one after: "a b OR c" is a AND (b OR c); a second OR chain in the same
+// group gets a group of its own ("a OR b c OR d" is (a OR b) AND (c OR d)).
+// A search word is cut by the index's "search" segmenter as events are: a
+// token of one whole word is that word ("[Error]" searches "error",
+// "10.1.2.3" stays one term), a token of several is a phrase, whose words
+// (a star joins the word it touches: "foo ba*r" has the words "foo" and
+// "ba*r") find candidates and whose text, case-blind, confirms them. "( )"
+// stands for nothing and is dropped; a group of negated members only is
+// subtracted from "meta::all", as the root is. "ACCESS_CONTROL_NEXT" is
+// taken with or without its blanks. "idlist::", "related::" and
+// "eventtypeconnected::" make their own parts.
+//
+// The id budget. The maxQueryIds setting of indexes.conf (shipped as 1000)
+// is read two ways: by the index processor as the number of queries that may
+// run at once, and here as the size of the per-query budget of ids held in
+// memory at once: maxQueryIds * kIdsPerQueryIdUnit ids (1000 -> 4,096,000);
+// 0 turns the budget off. Parts count what they fetch and what they let go
+// (addIdsInMemory), and a group lets go of every id a pass has settled, so a
+// query over millions of matching events stays within the budget; only a
+// single block of ids that does not fit fails, with canGetMoreIds's text.
+//
+// Description (toString): the root's form (QueryPart.h: "AND(a, NOT b,
+// OR(c, d))"), then " PHRASE(<pattern>)" for each phrase filter and
+// " REGEX(<pattern>)" for each regular-expression filter.
+//
 // Ownership: built and owned by one Query; the parts point back to it. The
 // container and the cancel checker are not owned and must outlive it.
 // Threads: one thread at a time.
@@ -20,6 +46,7 @@
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "pipeline/indexer/TimeParser.h"
@@ -29,6 +56,7 @@
 #include "util/WildcardMatcher.h"
 
 class DatabaseContainer;
+class GenericCleaner;
 class IPartitionPolicy;
 class QueryCancelChecker;
 class QueryPart;
@@ -59,7 +87,9 @@ class QueryStateMachine {
   // member. Throws QueryParseException on unclosed parentheses.
   void finalize();
   // Evaluates the finalized tree into out (newest first, at most limit + 1).
-  // Throws QueryException (and QueryParseException from the access rule).
+  // Finalizes first if that was not done. Throws QueryException (unknown
+  // index, access rule, budget, time, cancel, index failures), and
+  // QueryParseException when finalizing fails.
   void execute(std::vector<ValueWrapper>& out);
 
   // Budget, time and cancel checks; each throws QueryException.
@@ -67,7 +97,9 @@ class QueryStateMachine {
   void hasQueryTimedOut();
   void testQueryCancelled();
   // Parts report the ids they fetched (and released) here.
-  void addIdsInMemory(long delta) { _totalIds += delta; }
+  void addIdsInMemory(long delta) {
+    _totalIds = delta < 0 && (unsigned long)(-delta) > _totalIds ? 0 : _totalIds + (unsigned long)delta;
+  }
   unsigned long getIdsInMemory() const { return _totalIds; }
 
   // The tree, for descriptions in tests and the debug log.
@@ -106,9 +138,28 @@ class QueryStateMachine {
   void setMaxQueryIds(unsigned long n) { _maxQueryIds = n; }
   void setOptimize(bool on) { _optimize = on; }
   bool getOptimize() const { return _optimize; }
+  // Smallest and largest block of ids a group reads per member and pass
+  // (QueryPart.h; 100000 and 1000000). Tests shrink them to run many passes
+  // over a small index. REQUIRES: 1 <= min <= max.
+  void setBlockSizes(unsigned long min, unsigned long max) {
+    _minBlock = min;
+    _maxBlock = max;
+  }
+  unsigned long getMinBlock() const { return _minBlock; }
+  unsigned long getMaxBlock() const { return _maxBlock; }
   // The user the access rule applies to (empty: no rule).
   void setUser(const Str& user) { _user = user; }
   const Str& getUser() const { return _user; }
+
+  // Relevance scores of a scored (related) search, by ValueWrapper::cd().
+  // The machine holds its own map unless the caller gives one (the Query's).
+  // REQUIRES: the given map outlives the machine's execute.
+  void setScoreMap(std::unordered_map<Str, float>* scores) { _scores = scores ? scores : &_ownScores; }
+  std::unordered_map<Str, float>& scores() { return *_scores; }
+  // Whether results are ordered by score; set when a "related::" term is
+  // accepted (the Query reads it back for its own sort).
+  void setUseScore(bool b) { _useScore = b; }
+  bool getUseScore() const { return _useScore; }
 
   void addPhraseFilter(const WildcardMatcher& m) { _phraseFilters.push_back(m); }
   const std::vector<WildcardMatcher>& getPhraseFilters() const { return _phraseFilters; }
@@ -129,6 +180,10 @@ class QueryStateMachine {
   // see the .cc file
   void attach(const std::shared_ptr<QueryPart>& part);
   void applyAccessRule(IPartitionPolicy* policy);
+  void acceptTerm(const Str& token);
+  void endGroup(bool finalizing);
+  const GenericCleaner* searchCleaner();
+  int64_t nowMs() const;
 
   Str _queryId;
   Str _cancelId;
@@ -159,6 +214,13 @@ class QueryStateMachine {
 
   std::vector<WildcardMatcher> _phraseFilters;
   std::vector<std::shared_ptr<Regex>> _regexFilters;
+
+  bool _finalized = false;
+  unsigned long _minBlock = 100000;
+  unsigned long _maxBlock = 1000000;
+  std::unordered_map<Str, float> _ownScores;
+  std::unordered_map<Str, float>* _scores = &_ownScores;
+  bool _useScore = false;
 
   float _relatedWeight = 1.0f;
   long _relatedMaxWords = 20;

@@ -19,25 +19,70 @@ namespace {
 
 const char* const kTableNames[4] = {"EventTypes", "Hosts", "Sources", "SourceTypes"};
 
-// Sorted, cleaned keyword list; `ptrs` points into `keep`.
-void fillList(const std::vector<Str>& terms, std::vector<Str>& keep, std::vector<char*>& ptrs, st_strlist& list) {
-  for (const Str& t : terms) {
+// The string lists of one query spec, with the texts they point into.
+//
+// A term goes to one of three lists by where its stars stand:
+//   "word"            keyword (looked up whole)
+//   "word*"           prefix "word" (a walk of the lexicon from "word")
+//   "*word"           suffix, given reversed ("drow": the engine walks the
+//                     reversed lexicon)
+//   "a*b", "*a*", ... keyword with stars: the engine's wildcard matcher walks
+//                     the lexicon from the text before the first star and
+//                     confirms each term against the whole pattern
+//   "*" (stars only)  "meta::all", which every event holds
+// A leading '+' (exact case) is stripped first; empty terms are dropped.
+struct SpecLists {
+  std::vector<Str> keep[3][3];  // [and, or, not][keyword, prefix, suffix]
+  std::vector<char*> ptrs[3][3];
+
+  void add(int group, const Str& t) {
     if (t.empty()) {
       gLogger.warn("Got an empty term");
-      continue;
+      return;
     }
     Str k = t[0] == '+' ? Str(t.substr(1)) : t;
     if (k.empty()) {
       gLogger.warn("Got an empty term");
-      continue;
+      return;
     }
-    keep.push_back(k);
+    size_t first = k.find_first_not_of('*');
+    if (first == Str::npos) {
+      keep[group][0].push_back("meta::all");
+      return;
+    }
+    size_t last = k.find_last_not_of('*');
+    bool inner = k.find('*', first) < last;
+    if (!inner && first == 0 && last + 1 < k.size()) {
+      keep[group][1].push_back(k.substr(0, last + 1));
+    } else if (!inner && first > 0 && last + 1 == k.size()) {
+      Str rev = k.substr(first);
+      std::reverse(rev.begin(), rev.end());
+      keep[group][2].push_back(rev);
+    } else {
+      keep[group][0].push_back(k);
+    }
   }
-  std::sort(keep.begin(), keep.end());
-  for (Str& k : keep) ptrs.push_back(k.data());
-  list.strs = ptrs.empty() ? nullptr : ptrs.data();
-  list.count = uint32_t(ptrs.size());
-}
+
+  bool empty() const {
+    for (auto& g : keep)
+      for (auto& l : g)
+        if (!l.empty()) return false;
+    return true;
+  }
+
+  void fill(st_query_spec& spec) {
+    st_strlist* lists[3][3] = {{&spec.and_keywords, &spec.and_prefixes, &spec.and_suffixes},
+                               {&spec.or_keywords, &spec.or_prefixes, &spec.or_suffixes},
+                               {&spec.not_keywords, &spec.not_prefixes, &spec.not_suffixes}};
+    for (int g = 0; g < 3; ++g)
+      for (int k = 0; k < 3; ++k) {
+        std::sort(keep[g][k].begin(), keep[g][k].end());
+        for (Str& s : keep[g][k]) ptrs[g][k].push_back(s.data());
+        lists[g][k]->strs = ptrs[g][k].empty() ? nullptr : ptrs[g][k].data();
+        lists[g][k]->count = uint32_t(ptrs[g][k].size());
+      }
+  }
+};
 
 }  // namespace
 
@@ -192,12 +237,12 @@ bool TimeInvertedIndex::getValues(const std::vector<Str>& andTerms, const std::v
   std::memset(&spec, 0, sizeof spec);
   spec.start = start;
   spec.end = end;
-  std::vector<Str> keepAnd, keepOr, keepNot;
-  std::vector<char*> pAnd, pOr, pNot;
-  fillList(andTerms, keepAnd, pAnd, spec.and_keywords);
-  fillList(orTerms, keepOr, pOr, spec.or_keywords);
-  fillList(notTerms, keepNot, pNot, spec.not_keywords);
-  if (keepAnd.empty() && keepOr.empty() && keepNot.empty()) fillList({Str("meta::all")}, keepAnd, pAnd, spec.and_keywords);
+  SpecLists lists;
+  for (const Str& t : andTerms) lists.add(0, t);
+  for (const Str& t : orTerms) lists.add(1, t);
+  for (const Str& t : notTerms) lists.add(2, t);
+  if (lists.empty()) lists.add(0, Str("meta::all"));
+  lists.fill(spec);
 
   out.resize(capacity);
   int32_t n = capacity ? st_query(q, &spec, out.data(), capacity, 0) : 0;

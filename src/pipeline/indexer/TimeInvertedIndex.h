@@ -95,8 +95,10 @@ class TimeInvertedIndex {
 
   // Values of events in [start, end] that hold every AND term, at least one
   // OR term (when there are any) and no NOT term; no terms at all finds every
-  // event. Terms go as keywords: empty ones are dropped with a warning, a
-  // leading '+' is stripped. At most `capacity` values, newest first.
+  // event. Empty terms are dropped with a warning, a leading '+' is
+  // stripped; "word*" goes as a prefix, "*word" as a suffix, a term with any
+  // other star as a wildcard keyword, a term of stars only as "meta::all",
+  // the rest as keywords. At most `capacity` values, newest first.
   // Returns false when the query could not run.
   bool getValues(const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
                  const std::vector<Str>& notTerms, int32_t start, int32_t end, uint32_t capacity, int64_t now,

@@ -16,6 +16,7 @@
 #include "libbundle/PropertyPages.h"
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
 #include "pipeline/indexer/GenericCleaner.h"
+#include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/ScopedPolicyLock.h"
 #include "tools/velmor-index/LeadingTime.h"
 #include "util/ReadWriteLock.h"
@@ -70,6 +71,7 @@ void IndexTool::fail(const char* fmt, ...) {
 }
 
 int IndexTool::run() {
+  if (_args.command == IndexToolArgs::kQuery) return query();
   if (!loadParams()) return 1;
   switch (_args.command) {
     case IndexToolArgs::kAdd:
@@ -80,6 +82,7 @@ int IndexTool::run() {
       return roll();
     case IndexToolArgs::kInfo:
       return info();
+    case IndexToolArgs::kQuery:
     case IndexToolArgs::kHelp:
       break;
   }
@@ -382,5 +385,22 @@ int IndexTool::info() {
     fprintf(_out, "%-6s %5u %-20s %-20s %10lld %12llu  %s\n", r.state.c_str(), r.id, a, b, r.events,
             (unsigned long long)r.bytes, r.name.c_str());
   }
+  return 0;
+}
+
+// --- query -------------------------------------------------------------------------------
+
+int IndexTool::query() {
+  IndexProcessor processor;
+  try {
+    processor.init(true, false);
+  } catch (const std::exception& e) {
+    fail("cannot open the indexes: %s", e.what());
+    return 1;
+  }
+  Str doc;
+  processor.runQuery(_args.queryText.c_str(), _args.user.c_str(), _args.queryId.c_str(), doc);
+  fwrite(doc.data(), 1, doc.size(), _out);
+  if (!doc.empty() && doc.back() != '\n') fputc('\n', _out);
   return 0;
 }

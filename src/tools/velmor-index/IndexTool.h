@@ -16,6 +16,11 @@
 // searchable by later runs; a run killed
 // between syncs loses only the events after the last sync from the index.
 //
+// query runs an inner query through an IndexProcessor opened read-only over
+// every index of the configuration and prints the result document as it was
+// written to "<VELMOR_DB>/searches/<query id>.xml" (exit 0 whatever the
+// document says; 1 when the indexes cannot be opened).
+//
 // Each command returns the exit status: 0 done, 1 failed (the reason on
 // stderr). One thread; the object is used once.
 #pragma once
@@ -46,6 +51,7 @@ class IndexTool {
   int search();
   int roll();
   int info();
+  int query();
   void fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
   const IndexToolArgs& _args;

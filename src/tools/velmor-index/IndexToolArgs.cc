@@ -33,6 +33,7 @@ const char* IndexToolArgs::usage() {
          "       velmor-index search <index> [<term>...] [--earliest T] [--latest T] [--count N]\n"
          "       velmor-index roll <index>\n"
          "       velmor-index info <index>\n"
+         "       velmor-index query '<inner query>' [--user U] [--id QUERYID]\n"
          "Indexes of $VELMOR_HOME, as the indexes configuration names them.\n"
          "  add     adds every line of each file as an event, timed by its leading time stamp\n"
          "          (ISO-8601, syslog, common log, JSON \"time\"); a line without one takes the\n"
@@ -41,6 +42,8 @@ const char* IndexToolArgs::usage() {
          "          time, _cd, text\n"
          "  roll    turns the hot bucket into a warm one\n"
          "  info    lists the buckets with state, time range, event count and size\n"
+         "  query   runs an inner query (\"SEARCH <terms> GET events::0-9 OUTPUT velmorui::2.2\")\n"
+         "          over every index and prints its result document (exit 0 whatever it says)\n"
          "Times: seconds since 1970, or YYYY-MM-DD[THH:MM:SS[Z|+HH:MM]] (UTC unless a zone is given).\n"
          "Exit status: 0 done, 1 failed, 2 bad usage.\n";
 }
@@ -58,6 +61,8 @@ IndexToolArgs IndexToolArgs::parse(int argc, const char* const* argv) {
     a.command = kRoll;
   else if (cmd == "info")
     a.command = kInfo;
+  else if (cmd == "query")
+    a.command = kQuery;
   else
     throw UsageError("unknown command '" + cmd + "'");
 
@@ -84,8 +89,9 @@ IndexToolArgs IndexToolArgs::parse(int argc, const char* const* argv) {
     }
     bool forAdd = name == "host" || name == "sourcetype" || name == "sync-every";
     bool forSearch = name == "earliest" || name == "latest" || name == "count";
-    if (!forAdd && !forSearch) throw UsageError("unknown option --" + name);
-    if ((forAdd && a.command != kAdd) || (forSearch && a.command != kSearch))
+    bool forQuery = name == "user" || name == "id";
+    if (!forAdd && !forSearch && !forQuery) throw UsageError("unknown option --" + name);
+    if ((forAdd && a.command != kAdd) || (forSearch && a.command != kSearch) || (forQuery && a.command != kQuery))
       throw UsageError("--" + name + " does not apply to " + cmd);
     if (name == "host") {
       if (value.empty()) throw UsageError("--host needs a value");
@@ -95,6 +101,13 @@ IndexToolArgs IndexToolArgs::parse(int argc, const char* const* argv) {
       a.sourceType = value;
     } else if (name == "sync-every") {
       a.syncEvery = positive(name, value, false);
+    } else if (name == "user") {
+      if (value.empty()) throw UsageError("--user needs a value");
+      a.user = value;
+    } else if (name == "id") {
+      if (value.empty() || value.find_first_of("/\\") != Str::npos || value[0] == '.')
+        throw UsageError("--id needs a query id without '/', '\\' or a leading '.'");
+      a.queryId = value;
     } else if (name == "earliest") {
       a.earliest = bound(name, value);
     } else if (name == "latest") {
@@ -102,6 +115,12 @@ IndexToolArgs IndexToolArgs::parse(int argc, const char* const* argv) {
     } else {
       a.count = positive(name, value, false);
     }
+  }
+  if (a.command == kQuery) {
+    if (words.size() != 1) throw UsageError("query needs the query text as one argument");
+    if (words[0].find_first_not_of(" \t") == Str::npos) throw UsageError("the query text is empty");
+    a.queryText = words[0];
+    return a;
   }
   if (words.empty()) throw UsageError(cmd + " needs an index name");
   a.index = words[0];

@@ -4,6 +4,7 @@
 //   search <index> [<term>...] [--earliest T] [--latest T] [--count N]
 //   roll <index>
 //   info <index>
+//   query <inner query text> [--user U] [--id QUERYID]
 //
 // Options may stand anywhere after the command, as "--name value" or
 // "--name=value"; "--" ends them. parse() throws IndexToolArgs::UsageError
@@ -22,7 +23,7 @@ struct IndexToolArgs {
     explicit UsageError(const Str& msg) : std::runtime_error(msg) {}
   };
 
-  enum Command { kAdd, kSearch, kRoll, kInfo, kHelp };
+  enum Command { kAdd, kSearch, kRoll, kInfo, kQuery, kHelp };
 
   Command command = kHelp;
   Str index;
@@ -34,6 +35,9 @@ struct IndexToolArgs {
   int64_t earliest = INT32_MIN;
   int64_t latest = INT32_MAX;
   uint64_t count = 100;
+  Str queryText;           // query
+  Str user = "admin";      // query: the user the query runs for
+  Str queryId;             // query: empty makes a fresh id
 
   // argv[0] is the program name.
   static IndexToolArgs parse(int argc, const char* const* argv);

@@ -20,7 +20,7 @@ IndexToolArgs parseWords(const std::string& line) {
 
 // A compact rendering of what was parsed.
 std::string render(const IndexToolArgs& a) {
-  static const char* kNames[] = {"add", "search", "roll", "info", "help"};
+  static const char* kNames[] = {"add", "search", "roll", "info", "query", "help"};
   std::string s = std::string(kNames[a.command]) + " " + a.index;
   for (auto& f : a.files) s += " f:" + f;
   for (auto& t : a.terms) s += " t:" + t;
@@ -30,6 +30,9 @@ std::string render(const IndexToolArgs& a) {
   if (a.earliest != INT32_MIN) s += " e=" + std::to_string(a.earliest);
   if (a.latest != INT32_MAX) s += " l=" + std::to_string(a.latest);
   if (a.count != 100) s += " n=" + std::to_string(a.count);
+  if (!a.queryText.empty()) s += " q:" + a.queryText;
+  if (a.user != "admin") s += " user=" + a.user;
+  if (!a.queryId.empty()) s += " id=" + a.queryId;
   return s;
 }
 
@@ -50,6 +53,14 @@ TEST(IndexToolArgsTest, Table) {
        "search main t:GET t:status=500 e=100 l=1795392000 n=5"},
       {"roll main", "roll main"},
       {"info _internal", "info _internal"},
+      {"query SEARCH", "query  q:SEARCH"},
+      {"query --user bob --id=q1 SEARCH", "query  q:SEARCH user=bob id=q1"},
+      {"query", "!query needs the query text as one argument"},
+      {"query SEARCH GET", "!query needs the query text as one argument"},
+      {"query ''", "!the query text is empty"},
+      {"query x --id ../etc", "!--id needs a query id without '/', '\\' or a leading '.'"},
+      {"query x --count 3", "!--count does not apply to query"},
+      {"search main x --user u", "!--user does not apply to search"},
       {"--help", "help "},
       {"", "!no command given"},
       {"frob main", "!unknown command 'frob'"},

@@ -1,0 +1,128 @@
+// IndexProcessor: the indexes of a process, with two faces. To the
+// ingestion pipeline it is the last processor: execute() hands an event to
+// the index it names. To the search side it is the query entry: runQuery()
+// runs an inner query ("SEARCH ... GET ... OUTPUT ...") over the indexes and
+// runSearch() a bare term expression under the user's access control.
+//
+// init() reads the `indexes` configuration: from [default] the processor's
+// own keys (sync, maxQueryIds, queryLanguageDefinition,
+// blockSignatureDatabase, defaultDatabase; each missing required key throws
+// with its "'<key>' tag required in config" text), then one
+// DatabasePartitionPolicy per other stanza (initDB). It compiles the query
+// language, makes "<VELMOR_DB>/searches", registers the `metadata`
+// commands, and becomes the process's DatabaseContainer. With startService
+// it runs a thread that calls service() every second.
+//
+// maxQueryIds: the number of inner queries that may run at once (a query
+// beyond it fails with "Too many queries are running (maxQueryIds = N)");
+// the same setting scales the budget of ids one query may hold (see
+// QueryStateMachine.h), so both readings of it hold.
+//
+// DESIGN. Policies are made in init and live until the processor is
+// destroyed; the list is read-only after init, so lookups take no lock. The
+// service thread (when started) calls each policy's service tick once a
+// second until shutdown; queries and writes run on their callers' threads
+// and the policies lock themselves. disableQueries() makes runQuery and
+// runSearch refuse until enableQueries().
+//
+// Threads: every public member may be called from any thread after init.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "framework/PipelineData.h"
+#include "pipeline/indexer/DatabaseContainer.h"
+#include "pipeline/indexer/IQueryRunner.h"
+#include "pipeline/indexer/MShutdownHandler.h"
+#include "util/Pathname.h"
+#include "util/Str.h"
+
+class DatabasePartitionPolicy;
+class PropertiesMap;
+class PolicyServiceThread;
+class Thread;
+
+class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public IQueryRunner {
+ public:
+  // Result of execute (the pipeline's processor codes).
+  enum Result { eOk = 0, eExit = 1, eError = 2 };
+
+  // Installs the process runner's fork and wait helpers for the engine's
+  // forked query handles when a runner is up.
+  IndexProcessor();
+  ~IndexProcessor() override;
+  IndexProcessor(const IndexProcessor&) = delete;
+  IndexProcessor& operator=(const IndexProcessor&) = delete;
+
+  // Reads the configuration and opens every index. Throws
+  // std::runtime_error subclasses with the configuration texts.
+  void init(bool readOnly = false, bool startService = false);
+  // One index from its (layered) stanza.
+  void initDB(const Str& name, const PropertiesMap& stanza, bool readOnly);
+
+  // Writes one event into the index its index key names (the default index
+  // when none is named).
+  Result execute(PipelineData& event);
+
+  // --- IQueryRunner ------------------------------------------------------------------
+  void runQuery(const char* query, const char* user, const char* queryId, Str& results) override;
+  void runQuery(const char* query, const char* user, const char* queryId,
+                std::unordered_map<Str, std::vector<std::shared_ptr<Str>>>& results) override;
+  void runSearch(const char* search, SearchResults& results, SearchResultsInfo& info) override;
+  // The text runSearch hands to the query language for a user with these
+  // search filters: the search itself when there are none, else one
+  // "( <search> ACCESS_CONTROL_NEXT <filter> ) " clause per filter, joined
+  // by " OR ".
+  static Str accessControlledSearch(const Str& search, const std::vector<Str>& filters);
+
+  // --- DatabaseContainer --------------------------------------------------------------
+  IPartitionPolicy* getPolicyByDomain(const Str& name) override;
+  Str getDefaultDomain() override { return _defaultDatabase; }
+  void enumerateDomains(std::vector<Str>& out) override;
+  void enumerateDomainsAndCreationTimes(std::vector<std::pair<Str, int64_t>>& out);
+  // -1 when there is no such index.
+  int64_t getDomainCreationTime(const Str& name);
+  DatabasePartitionPolicy* getDatabaseByName(const Str& name);
+
+  void disableQueries() { _queriesEnabled = false; }
+  void enableQueries() { _queriesEnabled = true; }
+  bool queriesEnabled() const { return _queriesEnabled.load(); }
+
+  // Management calls: "cancelQuery" with "queryId"; "injectEvent" with
+  // "raw", "source", "sourcetype", "host", "meta", "time" (and an optional
+  // "index"). Returns the reply text; unknown calls throw
+  // std::invalid_argument naming the call.
+  Str handleSoapCall(const Str& callName, const std::map<Str, Str>& params);
+
+  // One tick: each policy's service with the wall clock.
+  void service();
+  // Raises the shutdown flag and asks every policy to shut down.
+  void signalShutdown() override;
+  bool isShutdownInProgress() const { return _shutdown.load(); }
+
+  unsigned long getMaxQueryIds() const { return _maxQueryIds; }
+  long getSync() const { return _sync; }
+
+ private:
+  void startServiceThread();
+  void stopServiceThread();
+
+  std::map<Str, std::unique_ptr<DatabasePartitionPolicy>> _policies;
+  Str _defaultDatabase;
+  Str _blockSignatureDatabase;
+  Pathname _languagePath;
+  long _sync = 0;
+  unsigned long _maxQueryIds = 0;
+  long _eventsSinceSync = 0;
+  bool _readOnly = false;
+  bool _initDone = false;
+  std::atomic<bool> _queriesEnabled{true};
+  std::atomic<bool> _shutdown{false};
+  std::unique_ptr<Thread> _serviceThread;
+};

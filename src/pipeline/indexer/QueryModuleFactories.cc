@@ -1,0 +1,98 @@
+// The factory table of the inner query language: every factory name a
+// language definition file may use, with the module class it builds.
+// ("searchGetter" builds GetTypes, as "typeGetter" does, on purpose.)
+#include "pipeline/indexer/CompiledQueryLanguage.h"
+#include "pipeline/indexer/GetEventTags.h"
+#include "pipeline/indexer/GetEvents.h"
+#include "pipeline/indexer/GetFormats.h"
+#include "pipeline/indexer/GetHelp.h"
+#include "pipeline/indexer/GetHostTags.h"
+#include "pipeline/indexer/GetHosts.h"
+#include "pipeline/indexer/GetSourceTypeTags.h"
+#include "pipeline/indexer/GetSourceTypes.h"
+#include "pipeline/indexer/GetSources.h"
+#include "pipeline/indexer/GetTimeBuckets.h"
+#include "pipeline/indexer/GetTypes.h"
+#include "pipeline/indexer/OutputEmail.h"
+#include "pipeline/indexer/OutputEvents.h"
+#include "pipeline/indexer/OutputExport.h"
+#include "pipeline/indexer/OutputMagicGraph.h"
+#include "pipeline/indexer/OutputRss.h"
+#include "pipeline/indexer/OutputScheduler.h"
+#include "pipeline/indexer/OutputVelmorUI.h"
+#include "pipeline/indexer/QueryCount.h"
+#include "pipeline/indexer/QueryDebugCommand.h"
+#include "pipeline/indexer/QueryDedupe.h"
+#include "pipeline/indexer/QueryDelete.h"
+#include "pipeline/indexer/QueryDomain.h"
+#include "pipeline/indexer/QueryEventType.h"
+#include "pipeline/indexer/QueryHostTag.h"
+#include "pipeline/indexer/QueryIdsList.h"
+#include "pipeline/indexer/QueryMaxTime.h"
+#include "pipeline/indexer/QueryPath.h"
+#include "pipeline/indexer/QueryQueryId.h"
+#include "pipeline/indexer/QueryReadLevel.h"
+#include "pipeline/indexer/QueryReadLimit.h"
+#include "pipeline/indexer/QueryReadTimeOut.h"
+#include "pipeline/indexer/QueryRegexFilter.h"
+#include "pipeline/indexer/QueryResultSortBy.h"
+#include "pipeline/indexer/QuerySavedVelmor.h"
+#include "pipeline/indexer/QuerySort.h"
+#include "pipeline/indexer/QuerySourceType.h"
+#include "pipeline/indexer/QuerySurrounding.h"
+#include "pipeline/indexer/QueryTerm.h"
+#include "pipeline/indexer/QueryTime.h"
+#include "pipeline/indexer/QueryUnexpected.h"
+#include "pipeline/indexer/QueryUser.h"
+
+const std::vector<std::pair<const char*, ModuleFactory>>& CompiledQueryLanguage::factoryTable() {
+  static const std::vector<std::pair<const char*, ModuleFactory>> kTable = {
+      // "SEARCH"
+      {"domainFinder", &getModule<QueryDomain>},
+      {"time", &getModule<QueryTime>},
+      {"_term", &getModule<QueryTerm>},
+      {"countSetter", &getModule<QueryCount>},
+      {"unexpectedRanger", &getModule<QueryUnexpected>},
+      {"savedVelmorLoader", &getModule<QuerySavedVelmor>},
+      {"eventtypeResolver", &getModule<QueryEventType>},
+      {"sourcetypeResolver", &getModule<QuerySourceType>},
+      {"hosttagResolver", &getModule<QueryHostTag>},
+      {"historyuser", &getModule<QueryUser>},
+      {"readtimeout", &getModule<QueryReadTimeOut>},
+      {"readlimit", &getModule<QueryReadLimit>},
+      {"readlevel", &getModule<QueryReadLevel>},
+      {"maxtime", &getModule<QueryMaxTime>},
+      {"queryid", &getModule<QueryQueryId>},
+      {"idsList", &getModule<QueryIdsList>},
+      {"path", &getModule<QueryPath>},
+      {"surrounding", &getModule<QuerySurrounding>},
+      {"debugCommand", &getModule<QueryDebugCommand>},
+      {"delete", &getModule<QueryDelete>},
+      {"sortorder", &getModule<QueryResultSortBy>},
+      {"sortmeta", &getModule<QuerySort>},
+      {"lastby", &getModule<QueryDedupe>},
+      {"regexFilter", &getModule<QueryRegexFilter>},
+      // "GET"
+      {"helpGetter", &getModule<GetHelp>},
+      {"eventGetter", &getModule<GetEvents>},
+      {"timebucketsGetter", &getModule<GetTimeBuckets>},
+      {"typeGetter", &getModule<GetTypes>},
+      {"searchGetter", &getModule<GetTypes>},
+      {"sourceTypeGetter", &getModule<GetSourceTypes>},
+      {"eventTagGetter", &getModule<GetEventTags>},
+      {"sourceTypeTagsGetter", &getModule<GetSourceTypeTags>},
+      {"sourceGetter", &getModule<GetSources>},
+      {"hostGetter", &getModule<GetHosts>},
+      {"hostTagGetter", &getModule<GetHostTags>},
+      {"formatGetter", &getModule<GetFormats>},
+      // "OUTPUT"
+      {"emailOut", &getModule<OutputEmail>},
+      {"rssOut", &getModule<OutputRss>},
+      {"velmorUIOut", &getModule<OutputVelmorUI>},
+      {"exportOut", &getModule<OutputExport>},
+      {"schedOut", &getModule<OutputScheduler>},
+      {"raweventsOut", &getModule<OutputEvents>},
+      {"magicgraph", &getModule<OutputMagicGraph>},
+  };
+  return kTable;
+}
