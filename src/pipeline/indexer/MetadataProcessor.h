@@ -3,7 +3,8 @@
 // word tables.
 //
 //   metadata type=<hosts|sources|sourcetypes> [index=<name>] [gather=<bool>]
-//   premetadata type=... [index=<name>]          (internal: the map half)
+//   premetadata type=... [index=<name>]          (internal: the map half;
+//                                                 a gather option is ignored)
 //
 // A bare word stands for the type, with the warning "Assuming '<word>' is
 // type argument."; no type at all fails. `index` defaults to the process's

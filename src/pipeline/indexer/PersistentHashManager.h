@@ -63,6 +63,6 @@ class PersistentHashManager {
   bool _readOnly = false;
   Pathname _setDir;  // from setDirectory()
   bool _dirSet = false;
-  Pathname _path;    // the record file; empty: memory only
+  Pathname _path;  // the record file; empty: memory only
   std::unique_ptr<RecordFileManager> _records;
 };

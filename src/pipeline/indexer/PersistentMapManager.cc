@@ -41,8 +41,12 @@ PersistentMapManager* PersistentMapManager::globaltypeMapInstance() {
 PersistentMapManager* PersistentMapManager::sourcenameMapInstance() {
   return get_instance(kSourceNameSlot, "sourcetypename-", true);
 }
-PersistentMapManager* PersistentMapManager::hosttagMapInstance() { return get_instance(kHostTagSlot, "hosttag-", true); }
-PersistentMapManager* PersistentMapManager::typetagMapInstance() { return get_instance(kTypeTagSlot, "typetag-", true); }
+PersistentMapManager* PersistentMapManager::hosttagMapInstance() {
+  return get_instance(kHostTagSlot, "hosttag-", true);
+}
+PersistentMapManager* PersistentMapManager::typetagMapInstance() {
+  return get_instance(kTypeTagSlot, "typetag-", true);
+}
 
 Str PersistentMapManager::encodeTags(const std::vector<Str>& sortedTags) {
   Str out;

@@ -130,8 +130,8 @@ class QueryStateMachine {
   unsigned int getReadLevel() const { return _readLevel; }
   void setReadTimeout(long t) { _readTimeout = t; }
   long getReadTimeout() const { return _readTimeout; }
-  // Seconds; 0 or less: no limit. The clock starts at construction and
-  // again at execute.
+  // Seconds, 60 unless "maxtime::" says otherwise; 0 or less: no limit.
+  // The clock starts at construction and again at execute.
   void setTimeLimit(long seconds) { _timeLimit = seconds; }
   long getTimeLimit() const { return _timeLimit; }
   // The maxQueryIds setting; 0 turns the id budget off.
@@ -205,7 +205,7 @@ class QueryStateMachine {
   std::set<Str> _keySet;
   bool _finished = false;
 
-  long _timeLimit = 0;
+  long _timeLimit = 60;  // "maxtime::" changes it; the error text names this default
   int64_t _startTime = 0;
   unsigned long _totalIds = 0;
   unsigned long _maxQueryIds = 0;

@@ -21,8 +21,8 @@ static Logger gLogger("STPersistentStorageImpl");
 namespace {
 
 const char* const kSeqTerm = "#";
-const uint32_t kGetPage = 16;     // postings asked for at a time
-const uint32_t kEnumPage = 512;   // terms asked for at a time
+const uint32_t kGetPage = 16;    // postings asked for at a time
+const uint32_t kEnumPage = 512;  // terms asked for at a time
 const uint32_t kQueryFirst = 1024;
 
 bool preadFully(int fd, char* buf, size_t n, uint64_t offset) {
@@ -118,7 +118,8 @@ STPersistentStorageImpl::~STPersistentStorageImpl() {
 
 void STPersistentStorageImpl::closeAll() {
   if (_st) {
-    if (!Locked_syncIndex()) gLogger.error("Unable to index the last records of %s; they are indexed again at the next open", _dir.c_str());
+    if (!Locked_syncIndex())
+      gLogger.error("Unable to index the last records of %s; the next open indexes them", _dir.c_str());
     st_close(_st);
     _st = nullptr;
   }
@@ -186,7 +187,7 @@ void STPersistentStorageImpl::replay() {
       scanning = true;
       continue;
     }
-    if (total > size - pos) { pos = nextMarker(_fd, pos + 8, size); scanning = true; continue; }
+    if (total > size - pos) break;  // a torn write: the last record, cut short
     _buf.resize(total);
     if (!preadFully(_fd, _buf.data(), total, pos) ||
         STPersistentRecord::decode(_buf.data(), total, rec, used) != STPersistentRecord::kOk ||

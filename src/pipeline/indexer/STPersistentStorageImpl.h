@@ -48,6 +48,9 @@
 // bytes holding a whole record of their own, a record stored as a value,
 // would let that inner record through; nothing less can.)
 //
+// The log is not compacted: replaced and removed entries keep their bytes.
+// Lock and merge leftovers of a process that died are removed at open.
+//
 // Ownership and threads: one object per store: the log is locked with
 // flock() while open, so a second opener, in this process or another, fails.
 // Every member takes the object's mutex; any thread may call.
@@ -132,7 +135,7 @@ class STPersistentStorageImpl {
   Pathname _logPath;
   Pathname _indexPath;
   int _fd = -1;
-  uint64_t _end = 0;       // offset at which the next record goes
+  uint64_t _end = 0;  // offset at which the next record goes
   uint32_t _nextSeq = 1;
   st_handle* _st = nullptr;
   std::vector<Located> _pending;

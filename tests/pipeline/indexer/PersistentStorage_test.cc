@@ -157,6 +157,7 @@ TEST_F(TempDirTest, EngineStoreRecoversFromCrashTornAndDamagedRecords) {
   torn.key.primary = "tore";
   torn.seq = 4;
   inner.encode(torn.value);
+  torn.value += "and the rest of the value";
   Str bytes;
   torn.encode(bytes);
   writeAll(log, whole + bytes.substr(0, bytes.size() - 3));
