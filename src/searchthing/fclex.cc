@@ -118,6 +118,8 @@ static int iter_next(block_iter* it) {
 
 // Loads block b: in memory mode points into the body, in descriptor mode
 // reads it whole into the block cache. 0, or -1 if the block is malformed.
+// A descriptor-mode handle trusts no offset between the first and the last:
+// each block must lie within the area whose end was checked at open.
 static int load_block(st_fclex_handle* h, uint32_t b, const unsigned char** p, uint32_t* len) {
   uint32_t s = block_start(h, b), e = block_end(h, b);
   if (e < s) return -1;
@@ -126,7 +128,7 @@ static int load_block(st_fclex_handle* h, uint32_t b, const unsigned char** p, u
     *p = h->blocks + s;
     return 0;
   }
-  if (*len > h->block_cache_size) return -1;
+  if (*len > h->block_cache_size || e > h->area_size) return -1;
   pread_verify("reading in block from offsets", h->fd, h->block_cache, *len, h->fclex_offset + area_offset(h) + s);
   *p = h->block_cache;
   return 0;
@@ -152,11 +154,12 @@ static int first_term(st_fclex_handle* h, uint32_t b, char* buf) {
     p = h->blocks + s;
     avail = e - s;
   } else {
+    if (s >= h->area_size) return -1;
+    size_t want = h->area_size - s < sizeof raw ? h->area_size - s : sizeof raw;
     ssize_t r;
     do {
-      r = pread(h->fd, raw, sizeof raw, (off_t)(h->fclex_offset + area_offset(h) + s));
+      r = pread(h->fd, raw, want, (off_t)(h->fclex_offset + area_offset(h) + s));
     } while (r < 0 && errno == EINTR);
-    assert(r >= 1 && "failed to read any bytes in _get_first_block_entry");
     if (r < 1) return -1;
     p = raw;
     avail = (size_t)r;
@@ -331,6 +334,13 @@ st_fclex_handle* st_fclex_open_fd(int fd, uint64_t offset) {
   h->terms_per_block = tpb;
   h->uncompressed_size = st_get_be32(head + 8);
   h->nblocks = how_many_blocks(terms, tpb);
+  unsigned char last[4];
+  if (pread_full(fd, last, 4, offset + 12 + 4 * (uint64_t)(h->nblocks - 1)) != 0) {
+    free(h->body);
+    free(h);
+    return NULL;
+  }
+  h->area_size = st_get_be32(last);
   uint64_t cache = (uint64_t)tpb * ST_FCLEX_ANSWER_SIZE;
   if (cache > 0x7FFFFFFFu) {
     free(h->body);
@@ -391,6 +401,16 @@ int st_fclex_check_fd(int fd, uint64_t offset, uint64_t avail) {
   int rc = pread_full(fd, offs, 4 * (size_t)nblocks, offset + 12) == 0 ? check_offsets(offs, nblocks, tpb, avail) : -1;
   free(offs);
   return rc;
+}
+
+int st_fclex_check_head_fd(int fd, uint64_t offset, uint64_t avail) {
+  unsigned char head[12], last[4];
+  if (avail < 16 || pread_full(fd, head, 12, offset) != 0) return -1;
+  uint32_t nblocks;
+  if (check_header(st_get_be32(head), st_get_be32(head + 4), st_get_be32(head + 8), avail, &nblocks)) return -1;
+  if (pread_full(fd, last, 4, offset + 12 + 4 * (uint64_t)(nblocks - 1)) != 0) return -1;
+  uint32_t end = st_get_be32(last);
+  return end > 0 && 12 + 4 * (uint64_t)nblocks + end <= avail ? 0 : -1;
 }
 
 // ---------------------------------------------------------------------------

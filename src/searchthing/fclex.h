@@ -40,6 +40,7 @@ typedef struct st_fclex_handle {
   uint32_t terms_per_block;
   uint32_t uncompressed_size;
   uint32_t nblocks;
+  uint32_t area_size;               // descriptor mode: end of the last block, the bound of every block
 } st_fclex_handle;
 
 // Called by st_fclex_apply for each term walked; returns a count added to the
@@ -65,6 +66,10 @@ void st_fclex_close(st_fclex_handle* h);
 // the header and offsets with pread.
 int st_fclex_check(const unsigned char* body, uint64_t avail);
 int st_fclex_check_fd(int fd, uint64_t offset, uint64_t avail);
+// The cheap form for the query path: header words and the end of the last
+// block only (three preads, whatever the term count). Offsets of the blocks
+// between are checked as each block is read, by the descriptor-mode handle.
+int st_fclex_check_head_fd(int fd, uint64_t offset, uint64_t avail);
 
 // Term id, or ST_FCLEX_NONE when absent or term is null.
 uint32_t st_fclex_get(st_fclex_handle* h, const char* term);

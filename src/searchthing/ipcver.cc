@@ -12,6 +12,19 @@
 //   OFFSET SIZE MEANING
 //   0      4    result, signed
 //   4      4    errno, 0 unless result is negative
+//
+// DESIGN. A query handle (one opened without ST_OPEN_WRITE) runs its engine
+// in a child like any forked handle, but closing it parks the child instead
+// of ending it, and the next query handle opened in this process takes a
+// parked child and sends it CMD_REOPEN with its own directory rather than
+// forking anew. A query over many buckets thus forks once, not once per
+// bucket; every request still runs in a child, so a crash still costs one
+// request. At most kMaxSpares children wait, each holding only its socket
+// (the parent's end is close-on-exec and later default forks close all other
+// descriptors), so a parked child ends when its socket closes: when the
+// spares are drained (new fork helpers) or this process ends. A spare that
+// fails its reopen is reaped and a fresh child started. Writers are never
+// parked: their close must wait for the child's sync.
 #include "searchthing/ipcver.h"
 
 #include <errno.h>
@@ -25,6 +38,7 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <mutex>
 
 enum {
   CMD_OPTIONS = 0,
@@ -41,6 +55,7 @@ enum {
   CMD_OPTIMIZE = 11,
   CMD_OPTIMIZE_EX = 12,
   CMD_AUTOTUNE = 13,
+  CMD_REOPEN = 14,
 };
 
 static const uint64_t kNullString = ~static_cast<uint64_t>(0);
@@ -131,7 +146,44 @@ int st_default_wait_helper(long token) {
   }
 }
 
+// ---------------------------------------------------------------- spares
+
+namespace {
+const int kMaxSpares = 4;
+struct spare_child {
+  int fd;
+  long token;
+};
+std::mutex g_spare_mutex;
+spare_child g_spares[kMaxSpares];
+int g_nspares = 0;
+}  // namespace
+
+static bool take_spare(spare_child* out) {
+  std::lock_guard<std::mutex> l(g_spare_mutex);
+  if (g_nspares == 0) return false;
+  *out = g_spares[--g_nspares];
+  return true;
+}
+
+static bool park_spare(int fd, long token) {
+  std::lock_guard<std::mutex> l(g_spare_mutex);
+  if (g_nspares == kMaxSpares) return false;
+  g_spares[g_nspares++] = {fd, token};
+  return true;
+}
+
+// Ends every parked child and reaps it with the helper that started it.
+static void drain_spares(st_wait_helper_fn wait_helper) {
+  spare_child c;
+  while (take_spare(&c)) {
+    close(c.fd);
+    if (c.token > 0) wait_helper(c.token);
+  }
+}
+
 void st_set_forkwait_helpers(st_fork_helper_fn fork_helper, st_wait_helper_fn wait_helper) {
+  drain_spares(g_wait_helper);
   g_fork_helper = fork_helper ? fork_helper : st_default_fork_helper;
   g_wait_helper = wait_helper ? wait_helper : st_default_wait_helper;
 }
@@ -220,6 +272,29 @@ static int read_reply(st_handle* h, int32_t* result) {
   return 0;
 }
 
+// Reopen request, which a parked child answers by closing its directory and
+// opening the one given:
+//   OFFSET SIZE MEANING
+//   0      4    command 14
+//   4      4    open flags, flag 4 cleared
+//   8      ...  directory path as a string
+// 0 with h attached to a parked child, -1 when none was there or every one
+// tried failed (each reaped).
+static int reopen_spare(st_handle* h) {
+  spare_child c;
+  uint32_t req[2] = {CMD_REOPEN, static_cast<uint32_t>(h->flags) & ~static_cast<uint32_t>(ST_OPEN_FORK)};
+  while (take_spare(&c)) {
+    h->fd = c.fd;
+    h->wait_token = c.token;
+    int32_t result = -1;
+    if (send_all(h->fd, req, sizeof req) == 0 && send_string(h, h->path) == 0 && read_reply(h, &result) == 0 &&
+        result == 0)
+      return 0;
+    child_lost(h);
+  }
+  return -1;
+}
+
 // A request of a fixed head and an optional string, answered by the reply
 // alone. Returns the child's result, or -1 with errno if the child is lost.
 static int32_t simple_request(st_handle* h, const void* head, size_t head_size, int with_string, const char* s) {
@@ -264,6 +339,7 @@ st_handle* st_open_wflags(const char* path, int flags) {
     return h;
   }
   h->path = strdup(path);
+  if (h->path && !(flags & ST_OPEN_WRITE) && reopen_spare(h) == 0) return h;
   if (!h->path || start_child(h) != 0) {
     int saved = errno;
     free(h->path);
@@ -283,6 +359,8 @@ int32_t st_close(st_handle* h) {
   int32_t rc = 0;
   if (h->direct) {
     rc = REAL_st_close(h->direct);
+  } else if (h->fd >= 0 && !(h->flags & ST_OPEN_WRITE) && park_spare(h->fd, h->wait_token)) {
+    // A query child waits for the next query handle (see DESIGN).
   } else if (h->fd >= 0) {
     // Closing our end ends the child's loop; it syncs, closes and exits.
     close(h->fd);
@@ -918,6 +996,32 @@ int st_engine_serve(int in_fd, int out_fd, const void* block, size_t size) {
   for (;;) {
     uint32_t cmd;
     if (rd(&r, &cmd, sizeof cmd) != 0) break;  // the parent closed: done
+    if (cmd == CMD_REOPEN) {
+      // A parked child given to a new handle: a directory it can't open
+      // ends it (the parent starts a fresh child, which reports why).
+      uint32_t open_flags;
+      char* path = nullptr;
+      if (rd(&r, &open_flags, sizeof open_flags) != 0 || rd_string(&r, &path) != 0 || !path) {
+        free(path);
+        send_reply(out_fd, -1, EINVAL);
+        state = 1;
+        break;
+      }
+      int closed = REAL_st_close(h);
+      h = REAL_st_open_wflags(path, static_cast<int>(open_flags));
+      int err = errno;
+      free(path);
+      if (closed < 0 || !h) {
+        send_reply(out_fd, -1, closed < 0 ? EIO : err);
+        if (h) REAL_st_close(h);
+        return closed < 0 ? 8 : 4;
+      }
+      if (send_reply(out_fd, 0, 0) != 0) {
+        state = -1;
+        break;
+      }
+      continue;
+    }
     state = serve_one(h, &r, out_fd, cmd);
     if (state != 0) break;
   }

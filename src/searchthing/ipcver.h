@@ -6,7 +6,10 @@
 // socket pair, so that a crash of the engine costs only the child: the
 // request in flight fails with -1, the dead child is reaped, and the next
 // request on the handle starts a fresh child (unsynced postings held by the
-// dead child are lost, as they would be with any crash).
+// dead child are lost, as they would be with any crash). Closing a forked
+// handle opened without ST_OPEN_WRITE parks its child (up to four) for the
+// next such handle to reopen on its own directory, so a query over many
+// directories forks once; st_set_forkwait_helpers ends the parked children.
 //
 // Choice: VELMOR_ST_ALWAYS_FORK set -> forked; else VELMOR_ST_NEVER_FORK set
 // or flag 4 absent -> direct; else forked. ST_VERBOSE > 0 makes merges print

@@ -329,6 +329,9 @@ int st_tsidx_query(st_tsidx* t, st_query_spec* q, st_tsval* answers, uint32_t ca
     uint32_t no_skip = 0;
     int r = st_warm_slice_query(ws, q, got, total, &no_skip);
     st_warm_slice_close(ws);
+    // A slice whose lists turn out corrupt hides its own data only, as one
+    // that fails to open does.
+    if (r < 0 && errno == EBADMSG) continue;
     if (r < 0) {
       rc = -1;
       break;
@@ -362,6 +365,7 @@ int st_tsidx_get(st_tsidx* t, const char* term, int32_t start, int32_t end, st_t
     uint32_t no_skip = 0;
     int r = st_warm_slice_get(ws, term, start, end, answers + held, capacity - held, &no_skip);
     st_warm_slice_close(ws);
+    if (r < 0 && errno == EBADMSG) continue;  // as in st_tsidx_query
     if (r < 0) {
       rc = -1;
       break;

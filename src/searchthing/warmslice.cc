@@ -75,13 +75,21 @@ static void set_sections(st_warm_slice* ws, unsigned char* base, int pointers) {
   }
 }
 
-// Posting list offsets ascend and the last one ends inside the file.
-static int check_postings(st_warm_slice* ws) {
+// The last posting list ends inside the file. With `all`, also every list
+// offset ascends: a walk over every term, kept for the mapped forms (merge,
+// optimise, delete, which go over every list anyway) and for
+// st_warm_slice_verify. The query form checks one list's bounds as it seeks
+// to it instead, so that opening costs the same for ten terms or ten million.
+static int check_postings(st_warm_slice* ws, bool all) {
   uint64_t prev = 0;
-  for (uint32_t t = 0; t < ws->lay.num_terms; ++t) {
-    uint64_t e = st_warm_slice_pl_offset(ws, t);
-    if (e < prev) return -1;
-    prev = e;
+  if (all) {
+    for (uint32_t t = 0; t < ws->lay.num_terms; ++t) {
+      uint64_t e = st_warm_slice_pl_offset(ws, t);
+      if (e < prev) return -1;
+      prev = e;
+    }
+  } else {
+    prev = st_warm_slice_pl_offset(ws, (int64_t)ws->lay.num_terms - 1);
   }
   ws->postings_size = prev;
   return ws->postings_base <= ws->file_size && prev <= ws->file_size - ws->postings_base ? 0 : -1;
@@ -125,11 +133,15 @@ static st_warm_slice* open_slice(const char* path, int mode) {
     ok = ws->file_size >= ST_WARM_HEADER_SIZE && pread_all(ws->fd, hdr, sizeof hdr, 0) == 0 &&
          st_warm_slice_layout(hdr, &ws->lay) == 0 && check_layout(&ws->lay, ws->file_size) == 0;
   }
+  // The query form checks what costs the same for any size of slice; the
+  // mapped forms, whose lexicons are read in memory without further bounds
+  // checks, check every block offset.
   uint64_t fo = ws->lay.flex_off, fs = ws->file_size;
-  ok = ok && st_fclex_check_fd(ws->fd, fo, fs - fo) == 0;
+  int (*check_lex)(int, uint64_t, uint64_t) = mode == OPEN_FD ? st_fclex_check_head_fd : st_fclex_check_fd;
+  ok = ok && check_lex(ws->fd, fo, fs - fo) == 0;
   if (ok) {
     ws->rlex_off = fo + round4(st_fclex_size_fd(ws->fd, fo));
-    ok = ws->rlex_off <= fs && st_fclex_check_fd(ws->fd, ws->rlex_off, fs - ws->rlex_off) == 0;
+    ok = ws->rlex_off <= fs && check_lex(ws->fd, ws->rlex_off, fs - ws->rlex_off) == 0;
   }
   if (ok) {
     ws->postings_base = ws->rlex_off + st_fclex_size_fd(ws->fd, ws->rlex_off);
@@ -144,7 +156,7 @@ static st_warm_slice* open_slice(const char* path, int mode) {
   }
   if (ok) {
     set_sections(ws, ws->map, mode != OPEN_FD);
-    ok = check_postings(ws) == 0;
+    ok = check_postings(ws, mode != OPEN_FD) == 0;
   }
   if (ok) {
     if (mode == OPEN_FD) {
@@ -302,12 +314,19 @@ void st_pl_reader_init(st_pl_reader* r, st_warm_slice* ws) {
   r->bad = 0;
 }
 
+// A list whose offsets run backwards or past the postings is corrupt: it
+// reads as empty and sets `bad`, which stays set until the next init so that
+// a caller can tell after a whole walk over many lists.
 void st_pl_reader_seek(st_pl_reader* r, uint32_t t) {
   uint64_t start = st_warm_slice_pl_offset(r->ws, (int64_t)t - 1);
   uint64_t end = st_warm_slice_pl_offset(r->ws, t);
   r->cur = r->count = r->run = 0;
-  r->bad = 0;
-  r->pl_left = end >= start ? end - start : 0;
+  if (end < start || end > r->postings_size) {
+    r->bad = 1;
+    r->pl_left = 0;
+    return;
+  }
+  r->pl_left = end - start;
   if (start < r->window_offset || start >= r->window_offset + r->n) {
     r->window_offset = start;
     r->i = r->n = 0;
@@ -361,6 +380,24 @@ int64_t st_pl_reader_next(st_pl_reader* r) {
   r->count++;
   r->cur = (uint32_t)value;
   return (int64_t)value;
+}
+
+int st_warm_slice_verify(st_warm_slice* ws) {
+  const uint64_t fs = ws->file_size;
+  if (st_fclex_check_fd(ws->fd, ws->lay.flex_off, fs - ws->lay.flex_off) != 0) return -1;
+  if (st_fclex_check_fd(ws->fd, ws->rlex_off, fs - ws->rlex_off) != 0) return -1;
+  st_pl_reader* r = (st_pl_reader*)malloc(sizeof *r);
+  if (!r) return -1;
+  st_pl_reader_init(r, ws);
+  int rc = 0;
+  for (uint32_t t = 0; rc == 0 && t < ws->lay.num_terms; ++t) {
+    st_pl_reader_seek(r, t);
+    while (st_pl_reader_next(r) >= 0) {
+    }
+    if (r->bad) rc = -1;
+  }
+  free(r);
+  return rc;
 }
 
 // ---------------------------------------------------------------------------

@@ -101,8 +101,14 @@ st_warm_slice_fd_record* st_warm_slice_create_by_fd(st_hot_slice* hot, char* fna
 // whole file read-write (for deletion). Null on any failure.
 st_warm_slice* st_warm_slice_open(const char* path, int for_updating);
 // Descriptor open: maps only the fixed part; lexicons and postings by pread.
+// This is the query form, and its checks cost the same for any size of slice
+// (header, section sizes, lexicon headers, the end of the postings); a list or
+// lexicon block found damaged later fails the query that reads it.
 // REQUIRES: for_updating == 0.
 st_warm_slice* st_warm_slice_open_fd(const char* path, int for_updating);
+// Full walk for tools: every lexicon block offset, every list offset, and
+// every list decoded to its end. 0 if sound, -1 if not.
+int st_warm_slice_verify(st_warm_slice* ws);
 int st_warm_slice_close(st_warm_slice* ws);
 // "%s/%d-%d-%ld%d%s": prefix, latest, earliest, pid, process-wide counter,
 // suffix. REQUIRES: prefix non-empty and not ending in '/'.
@@ -112,7 +118,8 @@ void st_warm_slice_fd_filename(char* buf, size_t size, const char* prefix, const
                                const st_warm_slice_fd_record* rec);
 
 // Answers in st_tsval order; with capacity 0 the count of candidates less
-// one. *skip (may be null) answers are passed over first. -1 out of memory.
+// one. *skip (may be null) answers are passed over first. -1 out of memory,
+// or with errno EBADMSG when a posting list the query read is corrupt.
 int st_warm_slice_query(st_warm_slice* ws, const st_query_spec* spec, st_tsval* answers, uint32_t capacity,
                         uint32_t* skip);
 // A query of one AND keyword (of none if term is null or empty).

@@ -3,6 +3,7 @@
 // wildcards, the OR group and the NOT group filter the candidates through bit
 // arrays; a range search on time picks the answers.
 #include <assert.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -317,6 +318,11 @@ int st_warm_slice_query(st_warm_slice* ws, const st_query_spec* spec, st_tsval* 
   if (!q.reader) return -1;
   st_pl_reader_init(q.reader, ws);
   int rc = run_query(&q, spec, answers, capacity, skip);
+  if (q.reader->bad) {
+    // A list the query read was corrupt: its answers can't be trusted.
+    rc = -1;
+    errno = EBADMSG;
+  }
   free(q.reader);
   free(q.cand);
   free(q.bits);

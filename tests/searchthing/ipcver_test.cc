@@ -220,4 +220,77 @@ TEST_F(Forked, ForkHelpersCanBeReplaced) {
   EXPECT_EQ(st_close(h), 0);
 }
 
+// Closing a query handle parks its child for the next query handle, which
+// reopens it on its own directory instead of forking: many handles over
+// several directories cost one fork and answer as fresh children would. A
+// writer's child is never parked; a parked child that died, or that can't
+// open the next directory, is replaced by a fresh one.
+TEST_F(Forked, QueryChildrenAreReusedAcrossHandles) {
+  std::string other = scratch_.sub("other");
+  st_handle* w = st_open_wflags(other.c_str(), 3);
+  ASSERT_NE(w, nullptr);
+  ASSERT_EQ(st_put(w, "zeta", 100, 7, 0, 0, 0, 0), 0);
+  ASSERT_EQ(st_close(w), 0);
+  ModelQuery q;
+  q.and_kw = {"alpha"};
+  std::vector<st_tsval> want = modelAnswers(events_, q);
+
+  g_forks = 0;
+  st_set_forkwait_helpers(countingFork, st_default_wait_helper);  // drops earlier spares
+  for (int i = 0; i < 6; ++i) {
+    st_handle* h = st_open_wflags((i % 2 ? other : dir_).c_str(), 5);
+    ASSERT_NE(h, nullptr);
+    st_tsval ans[4];
+    int rc;
+    if (i % 2) {
+      ASSERT_EQ(st_get(h, "zeta", 0, 1000, ans, 4, 0), 1) << i;
+      EXPECT_EQ(ans[0].address, 7u);
+      EXPECT_EQ(st_get(h, "alpha", 0, 1000, ans, 4, 0), 0) << "the previous directory is gone";
+    } else {
+      EXPECT_TRUE(same(query(h, q, &rc), want)) << i;
+    }
+    EXPECT_EQ(st_close(h), 0);
+  }
+  EXPECT_EQ(g_forks, 1);
+
+  {
+    EnvGuard always("VELMOR_ST_ALWAYS_FORK", "1");
+    st_handle* wf = st_open_wflags(other.c_str(), 3);
+    ASSERT_NE(wf, nullptr);
+    EXPECT_EQ(g_forks, 2) << "a writer forks its own child";
+    ASSERT_EQ(st_put(wf, "eta", 101, 8, 0, 0, 0, 0), 0);
+    EXPECT_EQ(st_close(wf), 0);
+  }
+  st_handle* h1 = st_open_wflags(other.c_str(), 5);
+  st_handle* h2 = st_open_wflags(other.c_str(), 5);
+  ASSERT_TRUE(h1 && h2);
+  EXPECT_EQ(g_forks, 3) << "one child was parked, and not the writer's";
+  st_tsval ans[4];
+  EXPECT_EQ(st_get(h2, "eta", 0, 1000, ans, 4, 0), 1) << "the writer synced before its child ended";
+  EXPECT_EQ(st_close(h1), 0);
+  EXPECT_EQ(st_close(h2), 0);
+
+  // A parked child that died is reaped, and the next one serves.
+  st_handle* h = st_open_wflags(dir_.c_str(), 5);
+  ASSERT_NE(h, nullptr);
+  pid_t parked = static_cast<pid_t>(h->wait_token);
+  EXPECT_EQ(st_close(h), 0);
+  ASSERT_EQ(kill(parked, SIGKILL), 0);
+  h = st_open_wflags(dir_.c_str(), 5);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(static_cast<pid_t>(h->wait_token), parked);
+  int rc;
+  EXPECT_TRUE(same(query(h, q, &rc), want));
+  EXPECT_EQ(st_close(h), 0);
+  EXPECT_EQ(g_forks, 3);
+
+  // A directory the parked child can't open ends it; a fresh child is
+  // started and says why.
+  errno = 0;
+  EXPECT_EQ(st_open_wflags((dir_ + "/missing").c_str(), 5), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(g_forks, 4);
+  st_set_forkwait_helpers(nullptr, nullptr);
+}
+
 }  // namespace

@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/codes.h"
 #include "searchthing/ipcver.h"
+#include "searchthing/warmslice.h"
 #include "st_model.h"
 #include "st_test_util.h"
 
@@ -491,6 +493,39 @@ TEST_F(TsidxEdges, CorruptSliceHidesOnlyItsOwnData) {
   st_tsval ans[4];
   ASSERT_EQ(st_get(h, "t", 0, 1000, ans, 4, 0), 1);
   EXPECT_EQ(ans[0].address, 2u);
+  EXPECT_EQ(st_close(h), 0);
+}
+
+// A damaged list, found only when a query reads it, hides that slice's
+// answers for the query; the slice's sound lists and the other slices still
+// answer.
+TEST_F(TsidxEdges, CorruptListHidesOnlyItsOwnSlice) {
+  st_handle* h = st_open(dir_.c_str());
+  ASSERT_NE(h, nullptr);
+  for (const char* t : {"s", "t", "u"}) ASSERT_EQ(st_put(h, t, 100, 1, 0, 0, 0, 0), 0);
+  ASSERT_EQ(st_put(h, "v", 101, 3, 0, 0, 0, 0), 0);  // lists in every value are never read
+  ASSERT_EQ(st_sync(h), 0);
+  ASSERT_EQ(st_put(h, "s", 200, 2, 0, 0, 0, 0), 0);
+  ASSERT_EQ(st_sync(h), 0);
+  std::vector<std::string> names = ScratchDir::list(dir_);
+  ASSERT_EQ(names.size(), 2u);
+  std::string victim = dir_ + "/" + names[0];  // "101-...": s, t, u, v
+  FILE* f = fopen(victim.c_str(), "r+b");
+  ASSERT_NE(f, nullptr);
+  unsigned char head[64], end[8];
+  ASSERT_EQ(fread(head, 1, 64, f), 64u);
+  st_warm_layout L;
+  ASSERT_EQ(st_warm_slice_layout(head, &L), 0);
+  st_put_be64(end, 0x7FFFFFFF);  // list 0 ends past the postings: lists 0 and 1 unreadable
+  ASSERT_EQ(fseek(f, (long)L.pl_offsets_off, SEEK_SET), 0);
+  ASSERT_EQ(fwrite(end, 1, 8, f), 8u);
+  fclose(f);
+  st_tsval ans[4];
+  ASSERT_EQ(st_get(h, "s", 0, 1000, ans, 4, 0), 1);
+  EXPECT_EQ(ans[0].address, 2u);
+  EXPECT_EQ(st_get(h, "t", 0, 1000, ans, 4, 0), 0);
+  ASSERT_EQ(st_get(h, "u", 0, 1000, ans, 4, 0), 1);
+  EXPECT_EQ(ans[0].address, 1u);
   EXPECT_EQ(st_close(h), 0);
 }
 

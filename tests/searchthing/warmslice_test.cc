@@ -708,6 +708,80 @@ TEST(WarmSlice, DamagedFilesFailCleanly) {
   EXPECT_EQ(st_warm_slice_open(dir.path().c_str(), 0), nullptr) << "a directory isn't a slice";
 }
 
+// Opening for a query checks only what costs the same for any size of slice;
+// a list or lexicon block damaged in the middle is found by the query that
+// reads it (an error, not a crash) and by the full walk of
+// st_warm_slice_verify, while the mapped forms still refuse the file.
+TEST(WarmSlice, QueryOpenLeavesDamageToWhatReadsIt) {
+  ScratchDir dir;
+  std::vector<Posting> ps;
+  char name[16];
+  for (uint32_t i = 0; i < 200; ++i) {
+    snprintf(name, sizeof name, "t%03u", i);  // forward id i
+    ps.push_back({name, (int32_t)(5000 - i), i + 1, 0, 0, 0, 0});
+    ps.push_back({name, (int32_t)(4000 - i), i + 1001, 0, 0, 0, 0});
+  }
+  Bytes good = readFile(writeSlice(dir, ps, false));
+  st_warm_layout L;
+  ASSERT_EQ(st_warm_slice_layout(good.data(), &L), 0);
+  ASSERT_EQ(L.num_terms, 200u);
+  std::string path = dir.path() + "/damaged.tsidx";
+
+  st_tsval ans[8];
+  {
+    writeFile(path, good, good.size());
+    st_warm_slice* ws = st_warm_slice_open_fd(path.c_str(), 0);
+    ASSERT_TRUE(ws);
+    EXPECT_EQ(st_warm_slice_verify(ws), 0);
+    st_warm_slice_close(ws);
+  }
+  // The end of list 100 points far past the postings: lists 100 and 101 are
+  // unreadable, their neighbours are not.
+  {
+    Bytes bad = good;
+    st_put_be64(bad.data() + L.pl_offsets_off + 8 * 100, 0x7FFFFFFFull);
+    writeFile(path, bad, bad.size());
+    EXPECT_EQ(st_warm_slice_open(path.c_str(), 0), nullptr);
+    st_warm_slice* ws = st_warm_slice_open_fd(path.c_str(), 0);
+    ASSERT_TRUE(ws);
+    EXPECT_EQ(st_warm_slice_get(ws, "t099", INT32_MIN, INT32_MAX, ans, 8, nullptr), 2);
+    EXPECT_EQ(st_warm_slice_get(ws, "t102", INT32_MIN, INT32_MAX, ans, 8, nullptr), 2);
+    for (const char* t : {"t100", "t101"}) {
+      errno = 0;
+      EXPECT_EQ(st_warm_slice_get(ws, t, INT32_MIN, INT32_MAX, ans, 8, nullptr), -1) << t;
+      EXPECT_EQ(errno, EBADMSG) << t;
+    }
+    // A wildcard walks every list, the damaged ones too.
+    Query q;
+    q.lists[0] = {"t*"};
+    Spec sp(q);
+    EXPECT_EQ(st_warm_slice_query(ws, &sp.spec, ans, 8, nullptr), -1);
+    EXPECT_EQ(st_warm_slice_verify(ws), -1);
+    st_warm_slice_close(ws);
+  }
+  // Block 10 of the forward lexicon ends far past the lexicon: blocks 10 and
+  // 11 are unreadable; lookups stop short of them.
+  {
+    Bytes bad = good;
+    const uint32_t tpb = st_get_be32(good.data() + L.flex_off + 4);
+    ASSERT_GT(st_get_be32(good.data() + L.flex_off), 12 * tpb);
+    st_put_be32(bad.data() + L.flex_off + 12 + 4 * 10, 0xFFFFFF00u);
+    writeFile(path, bad, bad.size());
+    EXPECT_EQ(st_warm_slice_open(path.c_str(), 0), nullptr);
+    st_warm_slice* ws = st_warm_slice_open_fd(path.c_str(), 0);
+    ASSERT_TRUE(ws);
+    EXPECT_EQ(st_warm_slice_get(ws, "t000", INT32_MIN, INT32_MAX, ans, 8, nullptr), 2);
+    for (uint32_t i = 10 * tpb; i < 12 * tpb; ++i) {
+      snprintf(name, sizeof name, "t%03u", i);
+      EXPECT_LE(st_warm_slice_get(ws, name, INT32_MIN, INT32_MAX, ans, 8, nullptr), 0) << name;
+    }
+    st_enum_answer e[256];
+    EXPECT_LT(st_warm_slice_enum(ws, nullptr, 1, e, 256), 200);
+    EXPECT_EQ(st_warm_slice_verify(ws), -1);
+    st_warm_slice_close(ws);
+  }
+}
+
 // ---------------------------------------------------------------------------
 // Wildcards
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <set>
 
 #include "framework/ReadContext.h"
@@ -61,24 +62,39 @@ void DatabasePartitionPolicy::start(bool readOnly) {
     gLogger.warn("No private key available.  Unable to cryptographically sign blocks.");
 }
 
+// A read-only open (search, info, query) writes nothing at all: no
+// directories, no lock files (so it takes no directory lock, and reads the
+// directories as they are at that moment), no CreationTime, no manifest, no
+// word tables, no bucket renames or rebuilds, no hot bucket. An index never
+// written opens empty.
 void DatabasePartitionPolicy::openDatabases(bool readOnly) {
-  // The lock files sit beside the directories, so their parents must exist.
-  for (const Pathname* p : {&_params.homePath, &_params.coldPath, &_params.thawedPath}) p->toParent().mkdir_p();
-  ScopedPolicyLock dirs(_params);
+  std::optional<ScopedPolicyLock> dirs;
+  if (!readOnly) {
+    // The lock files sit beside the directories, so their parents must exist.
+    for (const Pathname* p : {&_params.homePath, &_params.coldPath, &_params.thawedPath}) p->toParent().mkdir_p();
+    dirs.emplace(_params);
+  }
   ScopedWriter w(_tableLock);
   ScopedRecursiveLock l(_mutex);
   if (_started) return;
   _readOnly = readOnly;
   gLogger.info("Opening %s", _params.homePath.c_str());
+  if (readOnly && !_params.homePath.isDir()) {
+    gLogger.info("%s has never been written: the index is empty", _params.homePath.c_str());
+    _table.clear();
+    _creationTime = 0;
+    _started = true;
+    return;
+  }
   for (const Pathname* p : {&_params.homePath, &_params.coldPath, &_params.thawedPath}) {
-    if (!p->mkdir_p()) {
+    if (!readOnly && !p->mkdir_p()) {
       Str msg = Str::fromFormat("Unable to create directory %s because %s", p->c_str(), strerror(errno));
       gLogger.error(msg);
       throw DatabasePartitionPolicyException(msg);
     }
   }
   Pathname g = _params.homePath / "GlobalMetaData";
-  if (!g.mkdir_p()) throw DatabasePartitionPolicyException(Str("Unable to create directory ") + g);
+  if (!readOnly && !g.mkdir_p()) throw DatabasePartitionPolicyException(Str("Unable to create directory ") + g);
   for (auto& t : _global) t->open();
 
   Pathname ct = _params.homePath / "CreationTime";
@@ -91,7 +107,9 @@ void DatabasePartitionPolicy::openDatabases(bool readOnly) {
     std::fclose(f);
     text = Str(std::string(buf, n)).trim();
   }
-  if (!f || !text.tryToLong(value)) {
+  if ((!f || !text.tryToLong(value)) && readOnly) {
+    value = 0;  // unknown, and not to be made up on disk by a reader
+  } else if (!f || !text.tryToLong(value)) {
     value = long(time(nullptr));
     gLogger.info("This is the first time this index was created ...  Creating file at %s", ct.c_str());
     FILE* o = std::fopen(ct.c_str(), "w");
@@ -107,13 +125,15 @@ void DatabasePartitionPolicy::openDatabases(bool readOnly) {
   std::sort(_table.warm.begin(), _table.warm.end(), [](const auto& a, const auto& b) {
     return TEDBCompareByEndTimeLatestFirst()(b, a);
   });
-  if (!_table.hot) {
+  if (!_table.hot && readOnly) {
+    gLogger.info("No hot database found in %s", _params.homePath.c_str());
+  } else if (!_table.hot) {
     gLogger.info("No hot database found in %s velmor will now create one.", _params.homePath.c_str());
     createNewDB();
   }
-  gLogger.info("Hot database id = %d highest id = %d", int(_table.hot->id()), int(_table.highestId));
+  if (_table.hot) gLogger.info("Hot database id = %d highest id = %d", int(_table.hot->id()), int(_table.highestId));
   rebuildMetaData();
-  writeManifest();
+  if (!readOnly) writeManifest();
   _started = true;
 }
 
@@ -125,7 +145,12 @@ void DatabasePartitionPolicy::scanDir(const Pathname& dir, TEDB::State state) {
     if (!path.isDir()) continue;
     if (name == kHotName && state == TEDB::kWarm) {
       gLogger.info("%s is hot", path.c_str());
-      openBucketDir(path, TEDB::kHot, true);
+      try {
+        openBucketDir(path, TEDB::kHot, true);
+      } catch (const std::exception& e) {
+        if (!_readOnly) throw;
+        gLogger.error(e);  // a reader goes on without it
+      }
       continue;
     }
     if (!name.startswith("db_")) continue;
@@ -148,10 +173,18 @@ std::shared_ptr<TEDB> DatabasePartitionPolicy::openBucketDir(const Pathname& dir
   uint32_t id = 0;
   bool hot = state == TEDB::kHot;
   if (!hot) TEDB::parseName(dir.toLeaf(), end, start, id);
-  if ((dir / "__2.0tsval.out__").exists()) rebuildBucketFromTsvals(dir);
+  if ((dir / "__2.0tsval.out__").exists()) {
+    if (_readOnly)
+      gLogger.warn("The index of %s waits to be rebuilt; it is searched as it is", dir.c_str());
+    else
+      rebuildBucketFromTsvals(dir);
+  }
 
   Pathname path = dir;
-  if (!hot && _table.findById(id)) {
+  if (!hot && _table.findById(id) && _readOnly) {
+    // A reader renames nothing: the bucket gets a fresh id for this run only.
+    id = _table.takeNextId();
+  } else if (!hot && _table.findById(id)) {
     uint32_t fresh = _table.takeNextId();
     Pathname renamed = dir.toParent() / TEDB::makeName(end, start, fresh);
     gLogger.warn("Bucket id %u of %s is taken; renaming to %s", id, dir.c_str(), renamed.c_str());
@@ -161,6 +194,7 @@ std::shared_ptr<TEDB> DatabasePartitionPolicy::openBucketDir(const Pathname& dir
     }
   }
   auto b = std::make_shared<TEDB>(path, id, state, start, end, _params);
+  b->setReadOnly(_readOnly);
   if (hot) {
     // The hot bucket's id follows the highest warm or cold id; its times
     // come from what the engine holds.
@@ -266,7 +300,9 @@ void DatabasePartitionPolicy::rebuildMetaData() {
       for (const auto& row : bucketRows(*b, i))
         if (row.count > 0) _global[i]->addWordPositionData(row);
   }
-  for (auto& t : _global) t->sync();
+  // A reader keeps what it counted in memory.
+  if (!_readOnly)
+    for (auto& t : _global) t->sync();
 }
 
 namespace {
@@ -379,7 +415,7 @@ void DatabasePartitionPolicy::syncMetaData() {
 void DatabasePartitionPolicy::sync(bool force) {
   ScopedReader r(_tableLock);
   ScopedRecursiveLock l(_mutex);
-  if (!_table.hot) return;
+  if (!_table.hot || _readOnly) return;
   if (force)
     forceEngineSync(*_table.hot);
   else if (_table.hot->isOpen())
@@ -392,16 +428,18 @@ void DatabasePartitionPolicy::close() {
   ScopedWriter w(_tableLock);
   ScopedRecursiveLock l(_mutex);
   if (!_started) return;
-  if (_signer) {
-    try {
-      flushBlockSignatures();
-    } catch (const std::exception& e) {
-      gLogger.error(e);
+  if (!_readOnly) {
+    if (_signer) {
+      try {
+        flushBlockSignatures();
+      } catch (const std::exception& e) {
+        gLogger.error(e);
+      }
     }
+    syncMetaData();
+    for (auto& t : _global) t->sync();
+    writeManifest();
   }
-  syncMetaData();
-  for (auto& t : _global) t->sync();
-  writeManifest();
   for (const auto& b : _table.all()) b->close();
   _table.clear();
   _started = false;
@@ -440,7 +478,7 @@ void DatabasePartitionPolicy::service(int64_t now) {
     commonHandler();
     return;
   }
-  if (!_started) return;
+  if (!_started || _readOnly) return;
   ++_ticks;
   if (_params.optimizeEvery > 0 && now - _lastOptimize >= _params.optimizeEvery) {
     _lastOptimize = now;

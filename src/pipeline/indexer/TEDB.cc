@@ -67,7 +67,13 @@ TimeInvertedIndex::Options TEDB::indexOptions(const PolicyParameters& params) {
 void TEDB::open() {
   if (_open.load()) return;
   auto index = std::make_unique<TimeInvertedIndex>(_dir, indexOptions(_params));
-  index->create(false);
+  if (_readOnly) {
+    // The journal would make its directory; without one there is nothing to read.
+    if (!(_dir / "rawdata").isDir()) throw DbException(Str("No raw data in ") + _dir);
+    index->openReadOnly();
+  } else {
+    index->create(false);
+  }
   auto data = std::make_unique<SplitCompression>(_dir / "rawdata", _params.rawRollSize,
                                                  int(_params.addressCompressBits), _params.compressRawdata);
   _index = std::move(index);

@@ -44,7 +44,13 @@ class TEDB {
 
   // Opens the index and the journal (creating them when missing). Throws
   // DbException or FileCompressionException when they cannot be opened.
+  // A bucket marked read-only opens both without writing anything, and
+  // throws DbException when it has no raw data directory (nothing to read).
   void open();
+  // REQUIRES: not open. Read-only buckets are for queries that must leave
+  // the disk untouched.
+  void setReadOnly(bool readOnly) { _readOnly = readOnly; }
+  bool isReadOnly() const { return _readOnly; }
   // Syncs and closes both; a closed bucket ignores it.
   void close();
   bool isOpen() const { return _open.load(std::memory_order_acquire); }
@@ -81,6 +87,7 @@ class TEDB {
   int64_t _end;
   const PolicyParameters& _params;
   std::atomic<bool> _open{false};
+  bool _readOnly = false;
   std::unique_ptr<TimeInvertedIndex> _index;
   std::unique_ptr<SplitCompression> _data;
 };

@@ -156,6 +156,23 @@ void TimeInvertedIndex::create(bool force) {
   createDispatchers();
 }
 
+void TimeInvertedIndex::openReadOnly() {
+  ScopedLock l(_mutex);
+  if (_handle) {
+    gLogger.warn("Open called twice on an index");
+    return;
+  }
+  _handle = st_open_wflags(_dir.c_str(), 1);
+  if (!_handle) throw DbException(Str("Unable to open SearchThing with dirname = ") + _dir);
+  _readOnly = true;
+  std::vector<Str> names;
+  if (_dir.readDirectory(names))
+    for (const Str& name : names)
+      if (name.endswith("tsidx.gz")) gLogger.warn("%s is compressed and is not searched read-only", (_dir / name).c_str());
+  for (auto& t : _tables) t->open();
+  _lastSync = INT64_MIN;
+}
+
 void TimeInvertedIndex::createDispatchers() {
   if (_options.indexThreads == 0 || !_dispatchers.empty()) return;
   gLogger.info("Creating %lu indexing threads for %s", (unsigned long)_options.indexThreads, _dir.c_str());
@@ -201,6 +218,7 @@ bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
 }
 
 void TimeInvertedIndex::Locked_sync() {
+  if (_readOnly) return;  // nothing was put, and nothing may be written
   // A failed flush is not reported upward; the next one retries.
   for (auto& d : _dispatchers)
     if (!d->sync()) gLogger.warn("st_sync failed for %s on an indexing thread", _dir.c_str());
@@ -376,7 +394,7 @@ void TimeInvertedIndex::close(bool optimizeAfter) {
   bool gone = !_dir.exists();
   if (gone) {
     gLogger.warn("Directory %s appears to have been deleted", _dir.c_str());
-  } else {
+  } else if (!_readOnly) {
     Locked_sync();
     for (auto& t : _tables) t->sync();
   }
@@ -386,7 +404,7 @@ void TimeInvertedIndex::close(bool optimizeAfter) {
   st_close(_handle);
   _handle = nullptr;
   waitForMergeToFinish();
-  if (optimizeAfter && !gone) {
+  if (optimizeAfter && !gone && !_readOnly) {
     try {
       ExternalProcessGroup group;
       ExternalProcessStatus st = group.startOrSpawn({_options.optimizer, Str("-f"), _dir}).getStatus(true);

@@ -75,6 +75,11 @@ class TimeInvertedIndex {
   // new SearchThing with dirname = <dir>" when the engine cannot open it.
   // A second call logs "Open called twice on an index" and does nothing.
   void create(bool force);
+  // Opens an existing index for queries only: nothing on disk changes, not
+  // even at close (no gunzip of compressed slices, which stay unread; no
+  // table rewrite; syncs do nothing). Throws DbException "Unable to open
+  // SearchThing with dirname = <dir>" when the directory can't be read.
+  void openReadOnly();
   bool isOpen();
   const Pathname& getPath() const { return _dir; }
 
@@ -169,6 +174,7 @@ class TimeInvertedIndex {
   Pathname _dir;
   Options _options;
   st_handle* _handle = nullptr;
+  bool _readOnly = false;  // set by openReadOnly, for the life of the object
   std::unique_ptr<MetaData> _tables[4];
   int64_t _lastSync = INT64_MIN;
   std::vector<std::unique_ptr<MultiThreadedIndexer>> _dispatchers;
