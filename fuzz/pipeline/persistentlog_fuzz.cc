@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!f) return 0;
   Str head = STPersistentRecord::fileHead();
   std::fwrite(head.data(), 1, head.size(), f);
-  std::fwrite(data, 1, size, f);
+  if (size > 0) std::fwrite(data, 1, size, f);  // an empty input may come as a null pointer
   std::fclose(f);
 
   std::vector<std::pair<Str, Str>> first;
