@@ -31,19 +31,12 @@ const char* const kTableNames[4] = {"EventTypes", "Hosts", "Sources", "SourceTyp
 const char* const kMetaManifest = ".metaManifest";
 const char* const kHotName = "db-hot";
 
-// The segmenter used for events that bring none of their own.
-PropertiesMap defaultSegmenters() {
-  PropertiesMap m;
-  m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * \\n \\r \\s \\t & ? + %21 %26 %2526 %3B %7C %20 %2B %3D");
-  m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
-  return m;
-}
 }  // namespace
 
 DatabasePartitionPolicy::DatabasePartitionPolicy(const PolicyParameters& params) : _params(params) {
   Pathname g = _params.homePath / "GlobalMetaData";
   for (int i = 0; i < 4; ++i) _global[i] = std::make_unique<MetaData>(g, Str(kTableNames[i]) + ".data", kTableNames[i]);
-  _defaultCleaner = std::make_unique<GenericCleaner>(defaultSegmenters());
+  _defaultCleaner = std::make_unique<GenericCleaner>(GenericCleaner::defaultStanza());
   if (_params.blockSignSize > 0) _signer = std::make_unique<BlockSigner>(size_t(_params.blockSignSize));
 }
 

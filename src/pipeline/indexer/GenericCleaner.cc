@@ -225,3 +225,10 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const
   }
   flush(true, base + text.size());
 }
+
+PropertiesMap GenericCleaner::defaultStanza() {
+  PropertiesMap m;
+  m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * \\n \\r \\s \\t & ? + %21 %26 %2526 %3B %7C %20 %2B %3D");
+  m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
+  return m;
+}

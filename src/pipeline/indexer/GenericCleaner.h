@@ -44,6 +44,10 @@ class GenericCleaner {
   // Splits a breaker list: blank-separated entries with backslash escapes
   // (\n \t \r, \s for a blank, \xHH for any byte, \<c> for c itself).
   static std::vector<Str> parseBreakerList(const StrSegment& text);
+  // The stanza of the segmenter used when the configuration names none
+  // (events that bring no segmenter of their own, indexes without a
+  // `segmenters` file).
+  static PropertiesMap defaultStanza();
 
   void tokenize(const StrSegment& text, ICleanCallback& cb) const;
 

@@ -86,12 +86,7 @@ long IPartitionPolicy::getTermCount(const Str&) { return -1; }
 bool IPartitionPolicy::lockedValidateConsistency() { return true; }
 
 const GenericCleaner* IPartitionPolicy::cleanerByName(const Str&) {
-  static const GenericCleaner* kDefault = [] {
-    PropertiesMap m;
-    m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * & ? +");
-    m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
-    return new GenericCleaner(m);
-  }();
+  static const GenericCleaner* kDefault = new GenericCleaner(GenericCleaner::defaultStanza());
   return kDefault;
 }
 
