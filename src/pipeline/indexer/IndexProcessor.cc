@@ -67,16 +67,7 @@ Str requiredKey(const PropertiesMap& stanza, const char* key) {
 
 // A complete result document for a query that was refused before it ran.
 void writeRefusal(const Pathname& path, const Str& text) {
-  Str doc = "<queryResult>\n<error>";
-  for (char c : text) {
-    switch (c) {
-      case '<': doc += "&lt;"; break;
-      case '>': doc += "&gt;"; break;
-      case '&': doc += "&amp;"; break;
-      case '"': doc += "&quot;"; break;
-      default: doc += c;
-    }
-  }
+  Str doc = "<queryResult>\n<error>" + CompiledQueryLanguage::xmlEscape(StrSegment(text));
   doc += "</error></queryResult>";
   Pathname tmp(path + ".tmp");
   FileStar f = tmp.fopen("w");
