@@ -5,15 +5,12 @@
 // document's error element and never leave a half-written document.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
+#include "../ToolProcess.h"
+
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,16 +18,6 @@ namespace {
 
 const std::string kTool = VELMOR_BINARY_DIR "/bin/velmor-index";
 const std::string kLoghub = VELMOR_SOURCE_DIR "/../shared/data/loghub/";
-
-struct ToolRun {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  return std::string(std::istreambuf_iterator<char>(f), {});
-}
 
 class IndexQueryTest : public ::testing::Test {
  protected:
@@ -55,29 +42,7 @@ class IndexQueryTest : public ::testing::Test {
   }
 
   ToolRun run(const std::vector<std::string>& args) {
-    std::string outPath = dir + "/out", errPath = dir + "/err";
-    pid_t pid = fork();
-    if (pid == 0) {
-      int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(o, 1);
-      dup2(e, 2);
-      setenv("VELMOR_HOME", home.c_str(), 1);
-      setenv("VELMOR_DB", db.c_str(), 1);
-      setenv("TZ", "UTC", 1);
-      std::vector<char*> argv{const_cast<char*>(kTool.c_str())};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(kTool.c_str(), argv.data());
-      _exit(127);
-    }
-    int st = 0;
-    waitpid(pid, &st, 0);
-    ToolRun r;
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    r.out = slurp(outPath);
-    r.err = slurp(errPath);
-    return r;
+    return runTool(kTool, args, dir, {{"VELMOR_HOME", home}, {"VELMOR_DB", db}, {"TZ", "UTC"}});
   }
 
   // The result document of a query, which must exit 0.
@@ -96,16 +61,6 @@ class IndexQueryTest : public ::testing::Test {
     if (!std::regex_search(doc, m, std::regex("<results type=\"events\" c=\"\\d+\" tc=\"(\\d+)\"")))
       return -1;
     return atol(m[1].str().c_str());
-  }
-
-  static long shellNumber(const std::string& cmd) {
-    FILE* p = popen(cmd.c_str(), "r");
-    long n = -1;
-    if (p) {
-      if (fscanf(p, "%ld", &n) != 1) n = -1;
-      pclose(p);
-    }
-    return n;
   }
 
   std::string dir, home, db;

@@ -4,6 +4,8 @@
 // compressed raw data.
 #include <gtest/gtest.h>
 
+#include "../ToolProcess.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -22,16 +24,6 @@ namespace {
 
 const std::string kTool = VELMOR_BINARY_DIR "/bin/velmor-index";
 const std::string kLoghub = VELMOR_SOURCE_DIR "/../shared/data/loghub/";
-
-struct ToolRun {
-  int status = -1;  // exit status, or -1 for death by a signal
-  std::string out, err;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  return std::string(std::istreambuf_iterator<char>(f), {});
-}
 
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> out;
@@ -87,23 +79,7 @@ class IndexToolTest : public ::testing::Test {
   }
 
   ToolRun run(const std::vector<std::string>& args) {
-    std::string outPath = dir + "/out", errPath = dir + "/err";
-    pid_t pid = fork();
-    if (pid == 0) {
-      int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(o, 1);
-      dup2(e, 2);
-      childEnv();
-      exec(args);
-    }
-    int st = 0;
-    waitpid(pid, &st, 0);
-    ToolRun r;
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    r.out = slurp(outPath);
-    r.err = slurp(errPath);
-    return r;
+    return runTool(kTool, args, dir, {{"VELMOR_HOME", home}, {"VELMOR_DB", db}});
   }
 
   [[noreturn]] void exec(const std::vector<std::string>& args) {
@@ -146,19 +122,8 @@ class IndexToolTest : public ::testing::Test {
     return ids;
   }
 
-  // The number a shell command prints, or -1.
-  static int shellNumber(const std::string& cmd) {
-    FILE* p = popen(cmd.c_str(), "r");
-    int n = -1;
-    if (p) {
-      if (fscanf(p, "%d", &n) != 1) n = -1;
-      pclose(p);
-    }
-    return n;
-  }
-
   int grepCount(const std::string& word, const std::string& file) {
-    return shellNumber("grep -ciw -- '" + word + "' '" + file + "'");
+    return int(shellNumber("grep -ciw -- '" + word + "' '" + file + "'"));
   }
 
   std::string dir, home, db;
