@@ -204,7 +204,7 @@ IndexProcessor::Result IndexProcessor::execute(PipelineData& event) {
   if (event.has("_sync")) {
     gLogger.info("Syncing database");
     p->sync(true);
-  } else if (_sync > 0 && ++_eventsSinceSync >= _sync) {
+  } else if (_sync > 0 && _eventsSinceSync.fetch_add(1) + 1 >= _sync) {
     _eventsSinceSync = 0;
     p->sync(true);
   }

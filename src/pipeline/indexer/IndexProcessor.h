@@ -119,7 +119,7 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
   Pathname _languagePath;
   long _sync = 0;
   unsigned long _maxQueryIds = 0;
-  long _eventsSinceSync = 0;
+  std::atomic<long> _eventsSinceSync{0};  // execute runs on each pipeline's thread
   bool _readOnly = false;
   bool _initDone = false;
   std::atomic<bool> _queriesEnabled{true};
