@@ -374,6 +374,12 @@ int IndexTool::info() {
       rows.push_back(row);
     }
   }
+  if (rows.empty()) {
+    // Nothing to tabulate: say so instead of printing a bare header.
+    fprintf(_out, "index '%s' holds no buckets: nothing has been written to %s yet\n", _args.index.c_str(),
+            _params.homePath.c_str());
+    return 0;
+  }
   fprintf(_out, "%-6s %5s %-20s %-20s %10s %12s  %s\n", "STATE", "ID", "EARLIEST", "LATEST", "EVENTS", "BYTES",
           "DIRECTORY");
   for (const Row& r : rows) {

@@ -222,6 +222,11 @@ TEST_F(IndexToolTest, BadInputIsRefusedClearly) {
     EXPECT_EQ(r.status, c.status) << r.err;
     EXPECT_NE(r.err.find(c.text), std::string::npos) << r.err;
   }
+  // Reading commands on an index never written say so and create nothing.
+  ToolRun info = run({"info", "small"});
+  EXPECT_EQ(info.status, 0) << info.err;
+  EXPECT_NE(info.out.find("index 'small' holds no buckets"), std::string::npos) << info.out;
+  EXPECT_NE(access((db + "/small").c_str(), F_OK), 0) << "info created the index directory";
   // Nothing was written by the refused adds.
   EXPECT_EQ(search("t", {}).size(), 0u);
   ToolRun empty = run({"roll", "t"});
