@@ -78,6 +78,12 @@ void LoaderInfo::common_main_setup(bool quiet) {
     fprintf(stderr, "VELMOR_HOME must be set.  Stopping.\n");
     exit(-1);
   }
+  // Index paths name $VELMOR_DB; a home laid out by mkhome keeps it under
+  // var/lib, which is where it points unless the environment says otherwise.
+  if (li._dbPath.empty()) {
+    setenv("VELMOR_DB", (li._homePath / "var/lib/velmor/db").c_str(), 1);
+    li.populateFromEnvironment();
+  }
   Pathname cfg = li._homePath / "etc" / "log-cmdline.cfg";
   if (!quiet) fprintf(stderr, "Using logging configuration at %s.\n", cfg.c_str());
   Logger::initialize(cfg.c_str(), li._homePath.c_str(), true);

@@ -46,7 +46,7 @@ class LoaderInfo {
 
   // The first call of every main(): populateFromEnvironment() on the
   // singleton; stops the process with status -1 when VELMOR_HOME is not set;
-  // then starts the log facility from home/etc/log-cmdline.cfg (announced on
+  // sets VELMOR_DB to home/var/lib/velmor/db when it is not set; then starts the log facility from home/etc/log-cmdline.cfg (announced on
   // standard error unless `quiet`).
   static void common_main_setup(bool quiet);
 

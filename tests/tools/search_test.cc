@@ -89,8 +89,9 @@ TEST_F(SearchToolTest, PlainSearchTextsAndStatuses) {
       // The first word must be a command; "test" without "cat" is a search.
       {{"test", "other"}, "search processor exception: Unknown search operation: 'test'\n"},
       {{"error"}, "search processor exception: Unknown search operation: 'error'\n"},
-      // "nointernal" is tested before "file": this searches for "file".
-      {{"file", "nointernal"}, "search processor exception: Unknown search operation: 'file'\n"},
+      // "nointernal" is tested before "file": this runs the command "file"
+      // (with no path), it does not open a file called nointernal.
+      {{"file", "nointernal"}, "search processor exception: Error in 'file' command: A file path is required\n"},
       {{"nopartial | searchps", "myqid"}, ""},
       {{"searchps | | nopartial"},
        "search processor exception: You must follow a pipe ('|') with a command., while parsing "

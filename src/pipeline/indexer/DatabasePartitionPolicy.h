@@ -110,6 +110,14 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   int query(uint32_t bucketId, const st_query_spec& spec, std::vector<st_tsval>& values, size_t count);
   // The open bucket of that id (hot, warm, open cold or thawed), or null.
   std::shared_ptr<TEDB> getOpenedDBById(uint32_t id);
+  // Buckets with events in [start, end] (hot, warm, cold, thawed), newest end
+  // first, each listed once; nothing before start() or during shutdown.
+  void getBucketSpans(int32_t start, int32_t end, std::vector<BucketSpan>& out) override;
+  // The query of query() on the one bucket of that id, under the read lock;
+  // a closed cold bucket is opened as a query over all buckets would.
+  bool queryBucket(uint32_t bucketId, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                   const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t count,
+                   std::vector<ValueWrapper>& out, size_t* answered = nullptr) override;
 
   bool read(const ValueWrapper& value, DataWrapper& out) override;
   // Reads many events, with up to `threads` reader threads (0 or 1: on the
@@ -210,9 +218,11 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   // Opens a listed cold bucket for a query (REQUIRES: the reader lock).
   std::shared_ptr<TEDB> openForQuery(const std::shared_ptr<TEDB>& b);
   void checkSignatures(std::vector<DataWrapper>& out, const std::vector<bool>& ok);
-  bool queryBucket(TEDB& b, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
-                   const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t want,
-                   std::vector<ValueWrapper>& out);
+  // Appends the bucket's values (deleted ones left out) to out; `answered`,
+  // when given, gets the engine's count before they were dropped.
+  bool queryOpenBucket(TEDB& b, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                       const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t want,
+                       std::vector<ValueWrapper>& out, size_t* answered = nullptr);
   bool internalQueryST(const std::vector<std::shared_ptr<TEDB>>& dbs, const std::vector<Str>& andTerms,
                        const std::vector<Str>& orTerms, const std::vector<Str>& notTerms, int32_t start,
                        int32_t end, size_t want, std::vector<ValueWrapper>& out);

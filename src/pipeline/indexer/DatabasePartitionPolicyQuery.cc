@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <new>
+#include <numeric>
 #include <set>
 
 #include "pipeline/indexer/BlockSigner.h"
@@ -25,18 +26,65 @@ std::shared_ptr<TEDB> DatabasePartitionPolicy::openForQuery(const std::shared_pt
   }
 }
 
-bool DatabasePartitionPolicy::queryBucket(TEDB& b, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
-                                          const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t want,
-                                          std::vector<ValueWrapper>& out) {
+bool DatabasePartitionPolicy::queryOpenBucket(TEDB& b, const std::vector<Str>& andTerms,
+                                              const std::vector<Str>& orTerms, const std::vector<Str>& notTerms,
+                                              int32_t start, int32_t end, size_t want, std::vector<ValueWrapper>& out,
+                                              size_t* answered) {
   std::vector<st_tsval> vals;
   uint32_t cap = uint32_t(std::min<size_t>(want, ST_MAX_QUERY_ANSWERS));
   b.inUse.fetch_add(1);
   bool ok = b.index().getValues(andTerms, orTerms, notTerms, start, end, cap, engineNow(), vals);
   b.inUse.fetch_sub(1);
   if (!ok) return false;
+  if (answered) *answered = vals.size();
+  out.reserve(out.size() + vals.size());
   for (const st_tsval& v : vals)
     if (v.source != ST_DELETED_SOURCE) out.emplace_back(b.id(), v);
   return true;
+}
+
+void DatabasePartitionPolicy::getBucketSpans(int32_t start, int32_t end, std::vector<BucketSpan>& out) {
+  out.clear();
+  if (start > end || _shutdown.load()) return;
+  ScopedReader r(_tableLock);
+  if (!_started) return;
+  auto clamp = [](int64_t t) { return int32_t(std::clamp<int64_t>(t, INT32_MIN, INT32_MAX)); };
+  for (const auto& b : _table.getMatchingDBsByTime(start, end)) {
+    bool listed = false;
+    for (const BucketSpan& s : out) listed = listed || s.id == b->id();
+    if (listed) continue;
+    BucketSpan s;
+    s.id = b->id();
+    s.earliest = clamp(b->startTime());
+    s.latest = clamp(b->endTime());
+    out.push_back(s);
+  }
+}
+
+bool DatabasePartitionPolicy::queryBucket(uint32_t bucketId, const std::vector<Str>& andTerms,
+                                          const std::vector<Str>& orTerms, const std::vector<Str>& notTerms,
+                                          int32_t start, int32_t end, size_t count, std::vector<ValueWrapper>& out,
+                                          size_t* answered) {
+  out.clear();
+  if (answered) *answered = 0;
+  if (_shutdown.load()) {
+    gLogger.info("Shutting down. Not attempting to query.");
+    return false;
+  }
+  if (count == 0 || start > end) return true;
+  try {
+    ScopedReader r(_tableLock);
+    if (!_started) return false;
+    std::shared_ptr<TEDB> listed = _table.findById(bucketId);
+    std::shared_ptr<TEDB> b = listed ? openForQuery(listed) : nullptr;
+    if (!b) return true;  // moved away (or frozen) since it was listed
+    return queryOpenBucket(*b, andTerms, orTerms, notTerms, start, end, count, out, answered);
+  } catch (const std::bad_alloc&) {
+    out.clear();
+    gLogger.error("Bad allocation");
+    throw DatabasePartitionPolicyException(
+        "because there was not enough memory.  Please simplify your search or restrict it by time.");
+  }
 }
 
 namespace {
@@ -63,7 +111,7 @@ bool DatabasePartitionPolicy::internalQueryST(const std::vector<std::shared_ptr<
     if (cannotImprove(out, want, listed->endTime())) break;
     std::shared_ptr<TEDB> b = openForQuery(listed);
     if (!b) continue;
-    ok = queryBucket(*b, andTerms, orTerms, notTerms, start, end, want, out) && ok;
+    ok = queryOpenBucket(*b, andTerms, orTerms, notTerms, start, end, want, out) && ok;
   }
   return ok;
 }
@@ -86,7 +134,7 @@ bool DatabasePartitionPolicy::internalQueryMT(const std::vector<std::shared_ptr<
   for (size_t t = 0; t < n; ++t) {
     runners.push_back(std::make_unique<QueryRunner>([&, t] {
       for (size_t i; (i = next.fetch_add(1)) < open.size();)
-        if (!queryBucket(*open[i], andTerms, orTerms, notTerms, start, end, want, answers[t])) ok = false;
+        if (!queryOpenBucket(*open[i], andTerms, orTerms, notTerms, start, end, want, answers[t])) ok = false;
     }));
   }
   gLogger.debug("Created %llu query running threads", (unsigned long long)runners.size());
@@ -243,15 +291,26 @@ size_t DatabasePartitionPolicy::read(const std::vector<ValueWrapper>& values, st
       }
       done[i] = readOne(*it->second, values[i], out[i], &ctxs[values[i].bucketId]);
     };
+    // Raw data files are compressed streams that read forward only: taking
+    // the events in ascending address order within each bucket lets one
+    // context walk its file once, where newest-first order would restart the
+    // stream for every event.
+    std::vector<size_t> order(values.size());
+    std::iota(order.begin(), order.end(), size_t(0));
+    std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+      if (values[a].bucketId != values[b].bucketId) return values[a].bucketId < values[b].bucketId;
+      return values[a].address < values[b].address;
+    });
+    auto inOrder = [&](size_t k, ReaderThread::Contexts& ctxs) { work(order[k], ctxs); };
     size_t n = std::min(threads, values.size());
     if (n <= 1) {
       ReaderThread::Contexts ctxs;
-      for (size_t i = 0; i < values.size(); ++i) work(i, ctxs);
+      for (size_t k = 0; k < values.size(); ++k) inOrder(k, ctxs);
     } else {
       std::vector<std::unique_ptr<ReaderThread>> readers;
       size_t per = (values.size() + n - 1) / n;
       for (size_t from = 0; from < values.size(); from += per)
-        readers.push_back(std::make_unique<ReaderThread>(work, from, std::min(values.size(), from + per)));
+        readers.push_back(std::make_unique<ReaderThread>(inOrder, from, std::min(values.size(), from + per)));
       for (auto& t : readers) t->go();
       for (auto& t : readers) t->join();
     }

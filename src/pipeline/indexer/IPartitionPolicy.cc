@@ -111,3 +111,23 @@ size_t IPartitionPolicy::deleteByKeyword(const Str&, int32_t, int32_t, bool) { r
 long IPartitionPolicy::exportByKeyword(const std::vector<Str>&, int32_t, int32_t, const Pathname&) { return -1; }
 bool IPartitionPolicy::isReadOnly() const { return false; }
 int64_t IPartitionPolicy::getCreationTime() const { return 0; }
+
+void IPartitionPolicy::getBucketSpans(int32_t start, int32_t end, std::vector<BucketSpan>& out) {
+  out.clear();
+  if (start > end) return;
+  BucketSpan whole;
+  whole.earliest = start;
+  whole.latest = end;
+  out.push_back(whole);
+}
+
+bool IPartitionPolicy::queryBucket(uint32_t bucketId, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                                   const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t count,
+                                   std::vector<ValueWrapper>& out, size_t* answered) {
+  out.clear();
+  if (answered) *answered = 0;
+  if (bucketId != 0) return true;
+  bool ok = query(andTerms, orTerms, notTerms, start, end, count, out);
+  if (answered) *answered = out.size();
+  return ok;
+}

@@ -57,6 +57,28 @@ class IPartitionPolicy {
   virtual size_t read(const std::vector<ValueWrapper>& values, std::vector<DataWrapper>& out,
                       std::vector<bool>& ok, size_t threads = 0, bool checkSignatures = false);
 
+  // --- reading bucket by bucket (the cursored search) ----------------------------
+  // One bucket that may hold events of a time range: its id and the times of
+  // its oldest and newest event (seconds).
+  struct BucketSpan {
+    uint32_t id = 0;
+    int32_t earliest = 0;
+    int32_t latest = 0;
+  };
+  // The buckets whose events may lie in [start, end], newest end first. The
+  // default is one pseudo-bucket, id 0, spanning the whole range, which
+  // queryBucket answers through query().
+  virtual void getBucketSpans(int32_t start, int32_t end, std::vector<BucketSpan>& out);
+  // The query of query() restricted to one bucket of getBucketSpans: at most
+  // `count` values in [start, end], newest first, deleted events left out.
+  // `answered`, when given, gets how many values the bucket gave before the
+  // deleted ones were dropped (equal to `count`: there may be more).
+  // False when the query could not run; an unknown or closed bucket gives
+  // true and nothing (it was moved away between the listing and the call).
+  virtual bool queryBucket(uint32_t bucketId, const std::vector<Str>& andTerms, const std::vector<Str>& orTerms,
+                           const std::vector<Str>& notTerms, int32_t start, int32_t end, size_t count,
+                           std::vector<ValueWrapper>& out, size_t* answered = nullptr);
+
   // --- what the query engine asks of an index -----------------------------------
   // Each has a neutral default (nothing known, nothing done) so that a test
   // double overrides only what it serves; DatabasePartitionPolicy overrides all.

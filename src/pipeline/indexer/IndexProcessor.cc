@@ -1,5 +1,6 @@
 #include "pipeline/indexer/IndexProcessor.h"
 
+#include <algorithm>
 #include <time.h>
 #include <unistd.h>
 
@@ -114,6 +115,18 @@ IndexProcessor::~IndexProcessor() {
   }
 }
 
+namespace {
+std::vector<void (*)()>& commandRegistrars() {
+  static std::vector<void (*)()> registrars;
+  return registrars;
+}
+}  // namespace
+
+void IndexProcessor::addCommandRegistrar(void (*registrar)()) {
+  auto& all = commandRegistrars();
+  if (std::find(all.begin(), all.end(), registrar) == all.end()) all.push_back(registrar);
+}
+
 void IndexProcessor::init(bool readOnly, bool startService) {
   _readOnly = readOnly;
   PropertyPages& pages = PropertyPages::instance("indexes");
@@ -166,6 +179,7 @@ void IndexProcessor::init(bool readOnly, bool startService) {
   for (auto& [name, p] : _policies) p->setBlockSignatureStore(_policies[_blockSignatureDatabase].get());
 
   MetadataProcessor::registerCommands();
+  for (void (*registrar)() : commandRegistrars()) registrar();
   DatabaseContainer::setProcessContainer(this);
   _initDone = true;
   if (startService) startServiceThread();

@@ -63,6 +63,11 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
   // Reads the configuration and opens every index. Throws
   // std::runtime_error subclasses with the configuration texts.
   void init(bool readOnly = false, bool startService = false);
+  // The search commands that read the indexes ("search", "newsearch", "file",
+  // "surrounding", "typer") live in a library above this one; it hands its
+  // registration here, and init() runs every registrar after the metadata
+  // commands. Call before init(); a registrar given twice runs once.
+  static void addCommandRegistrar(void (*registrar)());
   // One index from its (layered) stanza.
   void initDB(const Str& name, const PropertiesMap& stanza, bool readOnly);
 

@@ -246,7 +246,11 @@ bool TimeInvertedIndex::getValues(const std::vector<Str>& andTerms, const std::v
                                   const std::vector<Str>& notTerms, int32_t start, int32_t end, uint32_t capacity,
                                   int64_t now, std::vector<st_tsval>& out) {
   doSyncIfNeeded(now);
-  st_handle* q = st_open_wflags(_dir.c_str(), 5);
+  // A writing process queries through a forked engine, so that a fault in a
+  // slice costs a child, not the indexer. A read-only opener (the search
+  // tool) reads in process: it runs one search and has nothing else to lose,
+  // and a fork costs more than a small query.
+  st_handle* q = st_open_wflags(_dir.c_str(), _readOnly ? 1 : 5);
   if (!q) {
     gLogger.error("Database is NOT open");
     return false;

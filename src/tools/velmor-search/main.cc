@@ -16,7 +16,11 @@
 // the event loop thread, the process runner, the event loop's start, the
 // index side; shutdown undoes them in reverse, also when a start-up step
 // throws. A failed search is reported as text on standard output and exit
-// status 0: callers read the output.
+// status 0: callers read the output. Searches that run in the background
+// (unified search threads) are cancelled and joined before the indexes close.
+//
+// The index side is the real IndexProcessor, opened read-only: the tool
+// never writes to an index, so it can run beside the service that does.
 #include <fenv.h>
 #include <signal.h>
 #include <stdio.h>
@@ -25,6 +29,10 @@
 #include <memory>
 
 #include "loaderinfo/LoaderInfo.h"
+#include "pipeline/indexer/IndexProcessor.h"
+#include "pipeline/indexer/PersistentHashManager.h"
+#include "pipeline/indexer/search/IndexSearchCommands.h"
+#include "pipeline/indexer/search/UnifiedSearchDispatchThreadManager.h"
 #include "search/SL.h"
 #include "search/SearchCancel.h"
 #include "search/SearchParser.h"
@@ -34,7 +42,6 @@
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
 #include "searchthing/ipcver.h"
-#include "tools/velmor-search/MIndexSide.h"
 #include "util/EventLoopThread.h"
 #include "util/Pathname.h"
 #include "util/PortableRand.h"
@@ -142,11 +149,18 @@ void plainSearch(const char* search, Str queryId, bool internal, SearchResults& 
 
 // Everything between start-up and shutdown of the runtime.
 void runModes(int argc, char** argv) {
-  std::unique_ptr<MIndexSide> index(new NoIndexSide());
-  xml::node config, extra;
   SearchCommands::registerAll();
   ToolCommands::registerAll();
-  index->init(config, extra, false, true);
+  IndexSearchCommands::install();
+  xml::node config;
+  auto index = std::make_unique<IndexProcessor>();
+  // Background searches end before the indexes they read close, also when
+  // a search throws past this frame.
+  struct UnifiedGuard {
+    ~UnifiedGuard() { UnifiedSearchDispatchThreadManager::instance()->clear(); }
+  } unifiedGuard;
+  index->init(/*readOnly=*/true, /*startService=*/false);
+  PersistentHashManager::instance()->init(config);
   SearchResults results;
   const char* second = argc > 2 ? argv[2] : nullptr;
   if (!second) {
@@ -175,6 +189,7 @@ int main(int argc, char** argv) {
   fesetround(FE_TONEAREST);
   LoaderInfo::common_main_setup(false);
   MThread mainThread;
+  int status = 0;
   {
     EventLoopThread loop;
     ProcessRunnerInit(&loop, Pathname());
@@ -189,8 +204,16 @@ int main(int argc, char** argv) {
       }
     } runnerGuard{loop};
     loop.start();
-    runModes(argc, argv);
+    try {
+      runModes(argc, argv);
+    } catch (const std::exception& e) {
+      // A configuration that cannot be opened (a missing index path, an
+      // unreadable language file) or an index that fails under a search ends
+      // the tool with its own text and status 1, after an orderly shutdown.
+      fprintf(stderr, "%s: %s\n", argv[0], e.what());
+      status = 1;
+    }
   }
   Thread::mainThreadDying();
-  return 0;
+  return status;
 }
