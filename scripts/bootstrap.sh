@@ -9,7 +9,7 @@ PACKAGES=(
   libpcre2-dev libxml2-dev libxslt1-dev libsqlite3-dev sqlite3 libssl-dev openssl
   zlib1g-dev libarchive-dev libbz2-dev libldap2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  tzdata python3 gzip miller
+  tzdata python3 gzip miller ripgrep
 )
 
 missing=()

@@ -177,6 +177,72 @@ query_demo() {
     "$(cat $all | grep -ciwE 'timeout|refused' || true)"
 }
 
+# Searches the demo index with velmor-search: terms with a host:: term, a
+# time range, OR and NOT, and a pipeline into sort, dedup and head. Each
+# search is printed, then how many events it gave and the first three of
+# them (the _raw texts, taken out of the XML that outputxml prints). Two
+# terms are counted both ways: all the events velmor-search finds, and the
+# lines grep -icw finds in the sample logs; they must agree.
+search_demo() {
+  local tool="$BUILD/bin/velmor-search" out="$VELMOR_HOME/var/run/velmor/search_demo.out" all
+  if [ ! -x "$tool" ]; then
+    echo "demo: $tool not found; build first (make build)" >&2
+    exit 1
+  fi
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
+  local t0 t1
+  t0=$(date -u -d 2026-11-18T14:00:00Z +%s)
+  t1=$(date -u -d 2026-11-18T15:00:00Z +%s)
+  # Runs one search; sets ROWS to the number of events it printed.
+  local ROWS
+  run_search() {
+    "$tool" "$1" > "$out" 2> "$out.err" || {
+      echo "demo: velmor-search failed on: $1" >&2
+      cat "$out.err" >&2
+      exit 1
+    }
+    if grep -q '^search processor exception' "$out"; then
+      echo "demo: velmor-search refused: $1" >&2
+      cat "$out" >&2
+      exit 1
+    fi
+    ROWS=$(grep -c '^<result ' "$out" || true)
+  }
+  # The first lines of the raw texts of the first three events of the last
+  # search.
+  first_three() {
+    sed -n "/^<field k='_raw'>/{s|^<field k='_raw'><v xml:space='preserve'>||;s|</v></field>\$||;p}" "$out" | head -n 3 |
+      sed -e 's/&lt;/</g' -e 's/&gt;/>/g' -e 's/&amp;/\&/g' | cut -c1-150 | sed 's/^/     /'
+  }
+  echo "== Searching the demo index with velmor-search"
+  local s
+  for s in \
+    "search index=demo failed host::web-01 | head 10 | outputxml" \
+    "search index=demo failed password starttimeu::$t0 endtimeu::$t1 | outputxml" \
+    "search index=demo ( timeout OR refused ) NOT host::web-01 | head 20 | outputxml" \
+    "search index=demo failed password | dedup host | sort host | head 5 | outputxml"; do
+    echo "   velmor-search '$s'"
+    run_search "$s"
+    echo "   $ROWS events; the first three:"
+    first_three
+  done
+  echo "== Counts of velmor-search against grep -icw"
+  local w found grepped
+  for w in refused timeout; do
+    run_search "search index=demo $w | outputxml"
+    found=$ROWS
+    # shellcheck disable=SC2086
+    grepped=$(cat $all | grep -icw -- "$w" || true)
+    printf '   %-9s velmor-search: %7s   grep: %7s\n' "$w" "$found" "$grepped"
+    if [ "$found" != "$grepped" ]; then
+      echo "demo: velmor-search found $found events holding '$w', grep -icw counts $grepped" >&2
+      exit 1
+    fi
+  done
+  echo "   counts equal grep"
+  rm -f "$out" "$out.err"
+}
+
 # Searches the CSV of web requests with velmor-search: the server errors,
 # their size in KB, the slowest first, one per client, the top ten, written
 # back with outputcsv (usexml=true, so the tool prints the rows as XML).
@@ -210,4 +276,5 @@ summarise
 show_config
 index_demo
 query_demo
+search_demo
 search_csv_demo

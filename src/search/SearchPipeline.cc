@@ -1,5 +1,8 @@
 #include "search/SearchPipeline.h"
 
+#include <climits>
+#include <iterator>
+
 #include <ctime>
 
 #include "search/IdProvider.h"
@@ -55,6 +58,35 @@ void SearchPipeline::evalArgs(SearchResultsInfo& info) {
   }
 }
 
+namespace {
+// Sets and later restores the event window of a pipeline's first command
+// (see execute).
+class EventWindowHint {
+ public:
+  EventWindowHint(SearchResultsInfo& info, const std::list<SearchProcessor*>& procs)
+      : _info(info), _first(info.firstEvent), _last(info.lastEvent) {
+    if (procs.size() < 2 || info.firstEvent >= 0 || info.lastEvent >= 0) return;
+    long n = (*std::next(procs.begin()))->inputRowLimit();
+    if (n <= 0 || n > INT_MAX) return;
+    info.firstEvent = 0;
+    info.lastEvent = int(n - 1);
+    _set = true;
+  }
+  ~EventWindowHint() { restore(); }
+  void restore() {
+    if (!_set) return;
+    _info.firstEvent = _first;
+    _info.lastEvent = _last;
+    _set = false;
+  }
+
+ private:
+  SearchResultsInfo& _info;
+  int _first, _last;
+  bool _set = false;
+};
+}  // namespace
+
 void SearchPipeline::execute(SearchResults& results, SearchResultsInfo& info) {
   Str pid = IdProvider::getNextId();
   SearchPIDs* pids = SearchPIDs::instance();
@@ -67,6 +99,11 @@ void SearchPipeline::execute(SearchResults& results, SearchResultsInfo& info) {
   try {
     evalArgs(info);
     info.firstInPipeline = true;
+    // A first command followed by one that keeps only its first N rows (a
+    // `search ... | head N`) is given the event window [0, N - 1] when the
+    // caller set none, so that it stops producing once it has them. The
+    // window is the caller's again for the commands after it.
+    EventWindowHint hint(info, processors);
     for (SearchProcessor* p : processors) {
       current = p->getName().c_str();
       pids->update(pid, p->getName(), results.size());
@@ -78,6 +115,7 @@ void SearchPipeline::execute(SearchResults& results, SearchResultsInfo& info) {
       clock_t start = clock();
       p->execute_dispatch(results, info);
       info.firstInPipeline = false;
+      hint.restore();
       if (gPerfLogger.isDebugEnabled())
         gPerfLogger.debug("processor=%s cancel_id=%s executetime=%.3f secs", p->getName().c_str(),
                           info.cancelId.c_str(), double(clock() - start) / CLOCKS_PER_SEC);

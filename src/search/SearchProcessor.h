@@ -113,6 +113,13 @@ class SearchProcessor {
   virtual void execute_input(SearchResults& results, SearchResultsInfo& info);
   virtual void execute_output(SearchResults& results, SearchResultsInfo& info);
 
+  // How many rows of its input, from the first, this command looks at; -1
+  // when it may look at all of them. A command that keeps only the first N
+  // rows in order (`head N`) answers N, which lets the pipeline ask the
+  // command before it for no more than that.
+  // REQUIRES: processArguments() has run.
+  virtual long inputRowLimit() const { return -1; }
+
   virtual const Str& getSearchString() const { return searchString; }
   virtual bool acceptsPartialResults() const { return true; }
   // "Processor: <name>[ (no partial results)]\n" then the arguments at

@@ -279,6 +279,7 @@ class PipelineTest : public ::testing::Test {
     SearchFactory::registerBuiltin("cancelme", &CancelMe::create, false);
     SearchFactory::registerBuiltin("throwstd", &ThrowStd::create, false);
     SearchFactory::registerBuiltin("badarg", &BadArg::create, false);
+    SearchFactory::registerBuiltin("keepfirst", &KeepFirst::create, false);
   }
   struct AddRows : SearchProcessor {
     explicit AddRows(const Str& n) : SearchProcessor(n) {}
@@ -291,10 +292,31 @@ class PipelineTest : public ::testing::Test {
     }
     void execute(SearchResults& r, SearchResultsInfo& info) override {
       firstFlags += info.firstInPipeline ? "T" : "F";
+      windows += Str::fromFormat("%d,%d;", info.firstEvent, info.lastEvent);
       addRows(r, count);
     }
     int count = 1;
     static inline Str firstFlags;
+    static inline Str windows;  // the event window each run saw
+  };
+  // Keeps the first n rows, saying so through inputRowLimit (n <= 0: all).
+  struct KeepFirst : SearchProcessor {
+    explicit KeepFirst(const Str& n) : SearchProcessor(n) {}
+    static SearchProcessor* create(const Str& n) { return new KeepFirst(n); }
+    void processArguments() override {
+      Str w;
+      getNextNonOpt(w, true);
+      limit = w.toLong(0);
+      refuseLeftovers();
+    }
+    long inputRowLimit() const override { return limit > 0 ? limit : -1; }
+    void execute(SearchResults& r, SearchResultsInfo&) override {
+      while (limit > 0 && r.size() > size_t(limit)) {
+        delete r.back();
+        r.pop_back();
+      }
+    }
+    long limit = 0;
   };
   struct CancelMe : SearchProcessor {
     explicit CancelMe(const Str& n) : SearchProcessor(n) {}
@@ -335,6 +357,41 @@ TEST_F(PipelineTest, RunsMembersInOrderWithFirstFlag) {
   EXPECT_EQ(AddRows::firstFlags, "TF");
   EXPECT_EQ(SearchPIDs::instance()->size(), 0u);  // finalized
   SearchCancel::instance()->stop("pt1");
+}
+
+// A command that keeps only its first N rows gives the command before it the
+// window [0, N-1] when the caller set none; later commands and the caller
+// see the caller's window again.
+TEST_F(PipelineTest, FirstCommandIsAskedOnlyForTheRowsTheNextOneKeeps) {
+  struct Case {
+    const char* search;
+    int first, last;      // the caller's window
+    const char* windows;  // what each addrows saw
+    size_t rows;
+  };
+  const Case cases[] = {
+      {"addrows 9 | keepfirst 4", -1, -1, "0,3;", 4},
+      {"addrows 9 | keepfirst 4 | addrows 1", -1, -1, "0,3;-1,-1;", 5},
+      {"addrows 9 | keepfirst 0", -1, -1, "-1,-1;", 9},     // keeps all: no window
+      {"addrows 9 | addrows 1 | keepfirst 4", -1, -1, "-1,-1;-1,-1;", 4},  // not next to the first
+      {"addrows 9 | keepfirst 4", 2, 5, "2,5;", 4},          // the caller's window stands
+  };
+  for (const Case& c : cases) {
+    SearchResults r;
+    SearchResultsInfo info;
+    info.cancelId = "ptw";
+    info.queryId = "q";
+    info.firstEvent = c.first;
+    info.lastEvent = c.last;
+    SearchCancel::instance()->start("ptw");
+    AddRows::windows.clear();
+    EXPECT_EQ(run(c.search, r, info), "") << c.search;
+    EXPECT_EQ(AddRows::windows, c.windows) << c.search;
+    EXPECT_EQ(r.size(), c.rows) << c.search;
+    EXPECT_EQ(info.firstEvent, c.first) << c.search;
+    EXPECT_EQ(info.lastEvent, c.last) << c.search;
+    SearchCancel::instance()->stop("ptw");
+  }
 }
 
 TEST_F(PipelineTest, CancelBetweenCommandsLeavesNoRowsAndNoError) {

@@ -23,6 +23,8 @@ class HeadProcessor : public SearchProcessor {
   Str getStreamingOp() const override;
   void processArguments() override;
   void execute(SearchResults& results, SearchResultsInfo& info) override;
+  // `head n` and `prehead n` look at their first n rows only.
+  long inputRowLimit() const override { return !_reverse && _limit > 0 ? long(_limit) : -1; }
 
  private:
   // Reverses (if asked) and trims the in-memory rows to what is still
