@@ -21,6 +21,8 @@
 #   SEARCH_BENCH_LIMIT=300 seconds a timed process may run before its row
 #                          is given up (shown as ">300 s")
 #   SEARCH_BENCH_KEEP=1    keep the scratch directory (its path is printed)
+#   SEARCH_BENCH_WORK=DIR  reuse the scratch directory a kept run left: no
+#                          generating, indexing or FTS5 build (and it is kept)
 #
 # Needs rg and sqlite3 (scripts/bootstrap.sh installs them). The scratch
 # directory lives under /tmp and is removed at the end.
@@ -49,9 +51,16 @@ done
 BUILD="$(cd "$BUILD" && pwd)"
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 
-WORK=$(mktemp -d /tmp/velmor-search-bench-XXXXXX)
+REUSE=0
+if [ -n "${SEARCH_BENCH_WORK:-}" ]; then
+  WORK=$SEARCH_BENCH_WORK
+  REUSE=1
+  [ -d "$WORK/home" ] && [ -f "$WORK/all.log" ] || { echo "search_vs_peers: $WORK is not a kept run" >&2; exit 1; }
+else
+  WORK=$(mktemp -d /tmp/velmor-search-bench-XXXXXX)
+fi
 cleanup() {
-  if [ "${SEARCH_BENCH_KEEP:-0}" = 1 ]; then
+  if [ "${SEARCH_BENCH_KEEP:-0}" = 1 ] || [ "$REUSE" = 1 ]; then
     echo "kept $WORK"
   else
     rm -rf "$WORK"
@@ -92,6 +101,7 @@ timed() {
 
 row() { printf '%-34s %-16s %10s %9s\n' "$1" "$2" "$3" "$4"; }
 
+if [ "$REUSE" = 0 ]; then
 echo "== Making $MB MB of sample logs"
 "$BUILD/bin/velmor-genlogs" --seed 20261124 --size "${MB}M" --days 7 --start 2026-11-01 --hosts 6 \
   --formats syslog,access,kv,json --out "$WORK/logs" > "$WORK/manifest" 2>/dev/null
@@ -138,6 +148,11 @@ EOF
 t1=$(now_ms)
 echo "   $(sqlite3 "$FTS" 'SELECT count(*) FROM lines') rows in $(((t1 - t0) / 1000)) s," \
   "$(($(stat -c %s "$FTS") / 1000000)) MB"
+else
+  echo "== Reusing $WORK ($(wc -l < "$PLAIN") lines)"
+  "$BUILD/bin/velmor-index" info bench | sed 's/^/   /'
+  [ -f "$FTS" ] || { echo "search_vs_peers: $FTS missing" >&2; exit 1; }
+fi
 
 SEARCH="$BUILD/bin/velmor-search"
 echo
@@ -156,7 +171,8 @@ done
 
 # From here on every hit of a search, not the first 10000 a search job keeps
 # by default (the first-100 rows above ran with the shipped limits).
-cat >> "$VELMOR_HOME/etc/bundles/local/limits.conf" <<'EOF'
+grep -q '^max_events = 100000000' "$VELMOR_HOME/etc/bundles/local/limits.conf" 2>/dev/null ||
+  cat >> "$VELMOR_HOME/etc/bundles/local/limits.conf" <<'EOF'
 
 [search]
 max_count = 100000000

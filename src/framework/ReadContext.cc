@@ -13,8 +13,6 @@ namespace {
 
 Logger gLogger("SplitCompression");
 
-constexpr size_t kGzChunk = size_t(1) << 20;
-
 bool endsWithGz(const Str& name) { return name.size() > 3 && name.compare(name.size() - 3, 3, ".gz") == 0; }
 
 uint32_t word(const char* p) {
@@ -40,13 +38,11 @@ ReadContext::ReadContext(const Pathname& file, int64_t base, int64_t end, const 
     return;
   }
   if (endsWithGz(_fileName)) {
-    _gz = gzdopen(fd, "rb");
+    _gz = GzPrefixCache::instance()->get(_fileName, fd);
     if (_gz == nullptr) {
-      ::close(fd);
       gLogger.error("open failure: file=%s, errno=%m", _fileName.c_str());
       return;
     }
-    gzbuffer(_gz, 64 * 1024);
   } else {
     _fd.reset(fd);
     struct stat st;
@@ -54,31 +50,17 @@ ReadContext::ReadContext(const Pathname& file, int64_t base, int64_t end, const 
   }
 }
 
-ReadContext::~ReadContext() {
-  if (_gz != nullptr) gzclose(_gz);
-}
+ReadContext::~ReadContext() = default;
 
 bool ReadContext::seek(int64_t offset) {
   if (!isOpen() || offset < _base) return false;
   if (_gz == nullptr) return true;  // plain files are read with pread
-  const z_off_t pos = z_off_t(offset - _base);
-  if (gztell(_gz) == pos) return true;
-  return gzseek(_gz, pos, SEEK_SET) == pos;
+  return _gz->has(offset - _base);
 }
 
 bool ReadContext::readAt(int64_t pos, void* buf, size_t len) {
   char* p = static_cast<char*>(buf);
-  if (_gz != nullptr) {
-    if (gztell(_gz) != pos && gzseek(_gz, z_off_t(pos), SEEK_SET) != pos) return false;
-    while (len > 0) {
-      const unsigned chunk = unsigned(len < kGzChunk ? len : kGzChunk);
-      int n = gzread(_gz, p, chunk);
-      if (n <= 0) return false;
-      p += n;
-      len -= size_t(n);
-    }
-    return true;
-  }
+  if (_gz != nullptr) return _gz->read(pos, p, len);
   while (len > 0) {
     ssize_t n = _fd.pread(p, len, off_t(pos));
     if (n < 0 && errno == EINTR) continue;
@@ -100,14 +82,9 @@ bool ReadContext::readBody(int64_t pos, size_t len) {
     if (_body.size() < len) _body.resize(len);
     return readAt(pos, _body.data(), len);
   }
-  size_t have = 0;
-  while (have < len) {
-    const size_t chunk = len - have < kGzChunk ? len - have : kGzChunk;
-    if (_body.size() < have + chunk) _body.resize(have + chunk);
-    if (!readAt(pos + int64_t(have), _body.data() + have, chunk)) return false;
-    have += chunk;
-  }
-  return true;
+  if (!_gz->has(pos + int64_t(len))) return false;  // before any allocation of len
+  if (_body.size() < len) _body.resize(len);
+  return readAt(pos, _body.data(), len);
 }
 
 // Reads the record layout written by WriteContext::write. The body after
@@ -157,16 +134,8 @@ bool ReadContext::read(int64_t address, Str& raw, Str& meta, int32_t& time) {
 bool ReadContext::readAll(Str& out) {
   out.clear();
   if (!isOpen()) return false;
+  if (_gz != nullptr) return _gz->readAll(out);
   char buf[64 * 1024];
-  if (_gz != nullptr) {
-    if (gzseek(_gz, 0, SEEK_SET) != 0) return false;
-    for (;;) {
-      int n = gzread(_gz, buf, sizeof buf);
-      if (n < 0) return false;
-      if (n == 0) return true;
-      out.append(buf, size_t(n));
-    }
-  }
   for (off_t pos = 0;;) {
     ssize_t n = _fd.pread(buf, sizeof buf, pos);
     if (n < 0 && errno == EINTR) continue;
@@ -184,13 +153,5 @@ int64_t ReadContext::rawSize() {
     if (::fstat(_fd.get(), &st) != 0) return -1;
     return _plainSize = st.st_size;
   }
-  if (gzseek(_gz, 0, SEEK_SET) != 0) return -1;
-  char buf[64 * 1024];
-  int64_t total = 0;
-  for (;;) {
-    int n = gzread(_gz, buf, sizeof buf);
-    if (n < 0) return -1;
-    if (n == 0) return total;
-    total += n;
-  }
+  return _gz->size();
 }

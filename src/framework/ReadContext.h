@@ -1,8 +1,8 @@
 // ReadContext: reads records from one file of a raw data journal, plain or
-// gzipped (by a name ending in ".gz"). It keeps its descriptor and, for a
-// gzip stream, its position between reads, so that reading a file in
-// address order is a forward stream read; a backward seek in a gzip stream
-// restarts it from the top.
+// gzipped (by a name ending in ".gz"). It keeps its descriptor; a gzip file
+// is read through the process's GzPrefixCache, which inflates each file once
+// as far as it is read, so that reads in any order (newest first, as
+// searches read) cost no more than one forward pass.
 //
 // A plain file that is gzipped while it is named here is looked up as
 // "<name>.gz" when the plain name has gone; a descriptor opened before the
@@ -16,9 +16,12 @@
 
 #include <zlib.h>
 
+#include <memory>
+
 #include <cstdint>
 #include <vector>
 
+#include "framework/GzPrefixCache.h"
 #include "util/Pathname.h"
 #include "util/ScopedFileDescriptor.h"
 #include "util/Str.h"
@@ -71,7 +74,9 @@ class ReadContext {
   const SplitCompression* _owner;
   int _addressShift;
   ScopedFileDescriptor _fd;
-  gzFile _gz = nullptr;
+  // A gzipped file is read through the process's GzPrefixCache entry of it,
+  // so that reads in any order inflate the file once.
+  std::shared_ptr<GzPrefixCache::Entry> _gz;
   int64_t _plainSize = 0;  // last known size of a plain file
   std::vector<char> _body;
 };

@@ -503,6 +503,45 @@ TEST_F(GenlogsTest, BadOptionsAreRefused) {
   EXPECT_FALSE(fs::exists(dir / "bad"));
 }
 
+// --size text in, total bytes written out (0: refused as a bad --size). KB,
+// MB, GB are powers of ten; KiB, MiB, GiB and a bare K, M, G powers of two.
+TEST_F(GenlogsTest, SizeUnitsInTotalBytesOut) {
+  struct Row {
+    const char* size;
+    uint64_t bytes;
+  } rows[] = {
+      {"1000000", 1000000},  {"1MB", 1000000},       {"1000kB", 1000000},  {"1000KB", 1000000},
+      {"1MiB", 1048576},     {"1M", 1048576},        {"1m", 1048576},      {"1024KiB", 1048576},
+      {"1024K", 1048576},    {"0MB", 0},             {"1Mb", 0},           {"1mib", 0},
+      {"1MBB", 0},           {"1.5M", 0},            {"MB", 0},            {"1B", 0},
+      {"99999999999999GB", 0},
+  };
+  int n = 0;
+  for (const Row& r : rows) {
+    const std::string sub = "s" + std::to_string(n++);
+    const std::string args = std::string("--hosts 1 --formats syslog --size ") + r.size;
+    const ToolRun run = runTool("--out " + (dir / sub).string() + " " + args, true);
+    if (r.bytes == 0) {
+      EXPECT_EQ(run.status, 2) << r.size;
+      EXPECT_NE(run.out.find(std::string("bad --size '") + r.size + "'"), std::string::npos) << run.out;
+      continue;
+    }
+    ASSERT_EQ(run.status, 0) << r.size << ": " << run.out;
+    uint64_t total = 0;
+    size_t files = 0;
+    for (const auto& e : fs::recursive_directory_iterator(dir / sub))
+      if (e.is_regular_file()) total += fs::file_size(e.path()), ++files;
+    ASSERT_GT(files, 0u) << r.size;
+    // Each file stops at the first event past its share.
+    EXPECT_GE(total, r.bytes - files) << r.size;
+    EXPECT_LE(total, r.bytes + files * 4096) << r.size;
+  }
+  const ToolRun help = runTool("--help");
+  EXPECT_NE(help.out.find("KB, MB, GB = 10^3, 10^6, 10^9 bytes; KiB, MiB, GiB = 2^10, 2^20, 2^30"),
+            std::string::npos)
+      << help.out;
+}
+
 TEST_F(GenlogsTest, UnwritableOutputFails) {
   std::ofstream(dir / "file") << "x";
   const ToolRun r = runTool("--size 10K --out " + (dir / "file").string(), true);

@@ -18,9 +18,10 @@ struct Reader {
     gLogger.info(text);
     if (notes) notes->push_back(text);
   }
-  [[noreturn]] void missing(const char* key) {
-    throw DatabasePartitionPolicyException(Str("'") + key + "' tag required in config for index " + name);
-  }
+  // Keys with no value in the stanza nor in [default], gathered so that one
+  // message names them all.
+  std::vector<const char*> absent;
+
   [[noreturn]] void invalid(const char* key, const Str& text) {
     throw DatabasePartitionPolicyException("Invalid value '" + text + "' for '" + key + "' in config for index " +
                                            name);
@@ -30,9 +31,26 @@ struct Reader {
     out.trimInPlace();
     return true;
   }
-  void requiredPath(const char* key, Pathname& out) {
+  // The trimmed value of a key every index must have; empty (and recorded
+  // in `absent`) when it has none.
+  Str required(const char* key) {
     Str v;
-    if (!text(key, v) || v.empty()) missing(key);
+    if (!text(key, v) || v.empty()) {
+      absent.push_back(key);
+      v.clear();
+    }
+    return v;
+  }
+  // Throws "'<key>' tag required in config for index <name>", or for several
+  // "'<a>', '<b>' tags required in config for index <name>".
+  void throwIfAbsent() {
+    if (absent.empty()) return;
+    Str keys;
+    for (const char* k : absent) keys += Str(keys.empty() ? "'" : ", '") + k + "'";
+    throw DatabasePartitionPolicyException(keys + (absent.size() == 1 ? " tag" : " tags") +
+                                           " required in config for index " + name);
+  }
+  void path(const char* key, const Str& v, Pathname& out) {
     out = Pathname(substituteEnvs(v));
     // An unset variable stays as "$NAME"; the bucket tree would then grow
     // under whatever directory the process happens to run in.
@@ -40,14 +58,10 @@ struct Reader {
       throw DatabasePartitionPolicyException("'" + Str(key) + "' of index " + name + " is not an absolute path: " +
                                              out + " (is every variable it names set?)");
   }
-  void requiredLong(const char* key, long& out) {
-    Str v;
-    if (!text(key, v) || v.empty()) missing(key);
+  void toLong(const char* key, const Str& v, long& out) {
     if (!v.tryToLong(out)) invalid(key, v);
   }
-  void requiredBool(const char* key, bool& out) {
-    Str v;
-    if (!text(key, v) || v.empty()) missing(key);
+  void toBool(const char* key, const Str& v, bool& out) {
     if (!v.tryToBool(out)) invalid(key, v);
   }
   void optionalLong(const char* key, long& out) {
@@ -66,8 +80,9 @@ struct Reader {
     }
     if (!v.tryToBool(out)) invalid(key, v);
   }
+  // An empty value is an explicit "none"; only an absent key is noted.
   void optionalText(const char* key, Str& out) {
-    if (!text(key, out) || out.empty()) {
+    if (!text(key, out)) {
       out.clear();
       note(Str::fromFormat("%s not specified in config.  Defaulting to: none", key));
     }
@@ -78,15 +93,23 @@ struct Reader {
 
 PolicyParameters PolicyParameters::fromStanza(const Str& name, const PropertiesMap& stanza, std::vector<Str>* notes) {
   PolicyParameters p;
-  Reader r{name, stanza, notes};
+  Reader r{name, stanza, notes, {}};
   p.name = name;
-  r.requiredPath("homePath", p.homePath);
-  r.requiredPath("coldPath", p.coldPath);
-  r.requiredPath("thawedPath", p.thawedPath);
-  r.requiredLong("maxResults", p.maxResults);
-  r.requiredBool("compressRawdata", p.compressRawdata);
-  r.requiredLong("maxDataSize", p.maxDataSize);
-  r.requiredLong("maxTotalDataSizeMB", p.maxTotalDataSizeMB);
+  const Str home = r.required("homePath");
+  const Str cold = r.required("coldPath");
+  const Str thawed = r.required("thawedPath");
+  const Str maxResults = r.required("maxResults");
+  const Str compress = r.required("compressRawdata");
+  const Str maxDataSize = r.required("maxDataSize");
+  const Str maxTotal = r.required("maxTotalDataSizeMB");
+  r.throwIfAbsent();
+  r.path("homePath", home, p.homePath);
+  r.path("coldPath", cold, p.coldPath);
+  r.path("thawedPath", thawed, p.thawedPath);
+  r.toLong("maxResults", maxResults, p.maxResults);
+  r.toBool("compressRawdata", compress, p.compressRawdata);
+  r.toLong("maxDataSize", maxDataSize, p.maxDataSize);
+  r.toLong("maxTotalDataSizeMB", maxTotal, p.maxTotalDataSizeMB);
   if (p.maxDataSize < 0) r.invalid("maxDataSize", Str::fromFormat("%ld", p.maxDataSize));
   p.maxDataSizeBytes = uint64_t(p.maxDataSize) << 20;
 

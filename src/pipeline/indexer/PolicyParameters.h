@@ -1,11 +1,15 @@
 // PolicyParameters: the settings of one index, read from its stanza of the
 // `indexes` property file (the merged view, so [default] values show through).
 //
-// Required keys (no default): homePath, coldPath, thawedPath, maxResults,
-// compressRawdata, maxDataSize, maxTotalDataSizeMB; a missing one throws
-// DatabasePartitionPolicyException "'<key>' tag required in config for index
-// <name>". Every other key has a default; a missing one is logged as
-// "<key> not specified in config.  Defaulting to: <value>". blockSignSize is
+// Required keys: homePath, coldPath, thawedPath (each index its own),
+// maxResults, compressRawdata, maxDataSize, maxTotalDataSizeMB (the shipped
+// [default] holds these, so a new index needs only its three paths). When
+// any are missing, one DatabasePartitionPolicyException names them all:
+// "'<key>' tag required in config for index <name>", or "'<a>', '<b>' tags
+// required in config for index <name>" for several. Every other key has a
+// built-in default; an absent one is logged as "<key> not specified in
+// config.  Defaulting to: <value>" (the shipped [default] sets them all, so
+// this means a site removed one). An empty script value means none. blockSignSize is
 // capped at 2000 ("blockSignSize set to greater than 2000. Restricting to
 // 2000."). A value that is present but not a number (or boolean) throws
 // "Invalid value '<text>' for '<key>' in config for index <name>".

@@ -1,12 +1,14 @@
 #include "pipeline/indexer/TimeInvertedIndex.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "pipeline/indexer/MultiThreadedIndexer.h"
 #include "util/Exceptions.h"
@@ -18,6 +20,27 @@ static Logger gMergeLogger("MERGE");
 namespace {
 
 const char* const kTableNames[4] = {"EventTypes", "Hosts", "Sources", "SourceTypes"};
+
+// Bucket directories with an optimiser in flight, over every index object of
+// the process: two objects on one directory must not optimise it at once.
+// Lock order: an index's mutex, then this one.
+Mutex& inFlightMutex() {
+  static Mutex m;
+  return m;
+}
+std::set<Str>& inFlightDirs() {
+  static std::set<Str> dirs;
+  return dirs;
+}
+// True when dir had no optimiser in flight; it has one now.
+bool claimOptimizer(const Str& dir) {
+  ScopedLock l(inFlightMutex());
+  return inFlightDirs().insert(dir).second;
+}
+void releaseOptimizer(const Str& dir) {
+  ScopedLock l(inFlightMutex());
+  inFlightDirs().erase(dir);
+}
 
 // The string lists of one query spec, with the texts they point into.
 //
@@ -408,19 +431,26 @@ void TimeInvertedIndex::close(bool optimizeAfter) {
   st_close(_handle);
   _handle = nullptr;
   waitForMergeToFinish();
-  if (optimizeAfter && !gone && !_readOnly) {
-    try {
-      ExternalProcessGroup group;
-      ExternalProcessStatus st = group.startOrSpawn({_options.optimizer, Str("-f"), _dir}).getStatus(true);
-      if (st.isFailedToStart())
-        gLogger.error("velmor-optimize -f failed to start");
-      else
-        gLogger.info("velmor-optimize -f %s %s", _dir.c_str(), st.describeStatus().c_str());
-    } catch (const std::exception& e) {
-      gLogger.error("velmor-optimize -f failed to start");
-      gLogger.error(e);
-    }
+  if (optimizeAfter && !gone && !_readOnly) forceOptimize();
+}
+
+void TimeInvertedIndex::forceOptimize() {
+  if (!claimOptimizer(_dir)) {
+    gLogger.info("velmor-optimize is already running for this index %s", _dir.c_str());
+    return;
   }
+  try {
+    ExternalProcessGroup group;
+    ExternalProcessStatus st = group.startOrSpawn({_options.optimizer, Str("-f"), _dir}).getStatus(true);
+    if (st.isFailedToStart())
+      gLogger.error("velmor-optimize -f failed to start");
+    else
+      gLogger.info("velmor-optimize -f %s %s", _dir.c_str(), st.describeStatus().c_str());
+  } catch (const std::exception& e) {
+    gLogger.error("velmor-optimize -f failed to start");
+    gLogger.error(e);
+  }
+  releaseOptimizer(_dir);
 }
 
 // --- prefix lookup -------------------------------------------------------------------
@@ -482,6 +512,7 @@ void TimeInvertedIndex::Locked_reapOptimizers() {
     ExternalProcessStatus st = o.token.getStatus(false);
     if (!st.statusOk()) gLogger.warn("velmor-optimize on %s %s", _dir.c_str(), st.describeStatus().c_str());
     _optimizers.erase(_optimizers.begin() + long(i));
+    if (_optimizers.empty()) releaseOptimizer(_dir);
   }
 }
 
@@ -491,17 +522,37 @@ size_t TimeInvertedIndex::runningOptimizers() {
   return _optimizers.size();
 }
 
+void TimeInvertedIndex::waitForOptimizers() {
+  ScopedLock l(_mutex);
+  for (;;) {
+    Locked_reapOptimizers();
+    if (_optimizers.empty()) return;
+    Optimizer& o = *_optimizers.front();
+    if (o.output.isValid()) {
+      // Its output is read while it runs, so that it never blocks on a full pipe.
+      struct pollfd p = {o.output.get(), POLLIN, 0};
+      ::poll(&p, 1, 100);
+    } else {
+      o.token.getStatus(true);
+    }
+  }
+}
+
 bool TimeInvertedIndex::optimize() {
   ScopedLock l(_mutex);
   if (!_handle) return false;
   Locked_reapOptimizers();
-  if (_optimizers.size() >= _options.maxConcurrentOptimizes) {
+  // One optimiser per bucket: a second would merge the slices the first is
+  // merging. The claim is taken under this index's mutex and released when
+  // the optimiser is reaped, waited for or fails to start.
+  if (_options.maxConcurrentOptimizes == 0 || !_optimizers.empty() || !claimOptimizer(_dir)) {
     gLogger.info("velmor-optimize is already running for this index %s", _dir.c_str());
     return false;
   }
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) {
     gLogger.error("Unable to spawn velmor-optimize process because : %s", std::strerror(errno));
+    releaseOptimizer(_dir);
     return false;
   }
   FileDescriptor readEnd(fds[0]), writeEnd(fds[1]);
@@ -518,6 +569,7 @@ bool TimeInvertedIndex::optimize() {
   writeEnd.close();
   if (!started) {
     readEnd.close();
+    releaseOptimizer(_dir);
     return false;
   }
   o->output = readEnd;
@@ -545,4 +597,5 @@ void TimeInvertedIndex::waitForMergeToFinish() {
   }
   for (auto& o : _optimizers) o->output.close();
   _optimizers.clear();
+  releaseOptimizer(_dir);
 }

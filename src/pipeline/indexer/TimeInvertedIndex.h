@@ -19,10 +19,11 @@
 // a sync flushes every thread. Slice names are unique per handle, and each
 // value lands in one slice only, so queries need no dedupe. optimize()
 // starts "velmor-optimize <dir>" in the background through the process
-// runner (a direct spawn when the process has no runner), at most
-// `maxConcurrentOptimizes` at once; their output goes to the logger
-// "MERGE", read whenever the running optimisers are counted. close() waits
-// for them (or terminates them, with `waitForOptimize` 0).
+// runner (a direct spawn when the process has no runner), never two at
+// once on one directory (whichever object of the process started the
+// first; `maxConcurrentOptimizes` 0 starts none); its output goes to the
+// logger "MERGE", read whenever the running optimisers are counted. close()
+// waits for it (or terminates it, with `waitForOptimize` 0).
 //
 // Threads: one mutex guards the open state, the writing handle, the
 // indexing threads, the optimiser list and the sync clock; queries hold it
@@ -134,15 +135,20 @@ class TimeInvertedIndex {
   bool getMatchingWordsAndCountsForPrefix(const Str& prefix, size_t capacity,
                                           std::vector<std::pair<Str, uint64_t>>& out);
 
-  // Starts the optimiser on the directory in the background unless
-  // `maxConcurrentOptimizes` of them are running. True when one started.
+  // Starts the optimiser on the directory in the background unless one is
+  // already running on it (from this or another object of the process) or
+  // `maxConcurrentOptimizes` is 0. True when one started.
   bool optimize();
   // Optimisers of this index still running (reaping those that ended).
   size_t runningOptimizers();
+  // Returns once no optimiser this object started is running (logging their
+  // output as it comes).
+  void waitForOptimizers();
 
   // Syncs, saves the tables, ends the indexing threads, closes the engine
   // and waits for (or ends) the optimisers; with optimize set, then runs
-  // "velmor-optimize -f" on the directory and waits for it. A second call
+  // "velmor-optimize -f" on the directory and waits for it (skipped, and
+  // logged, while another object of the process optimises the directory). A second call
   // logs "close called on closed index" and returns.
   void close(bool optimize = false);
 
@@ -168,6 +174,9 @@ class TimeInvertedIndex {
   void Locked_sync();
   void Locked_reapOptimizers();
   void waitForMergeToFinish();
+  // Runs "velmor-optimize -f" on the directory and waits for it, unless an
+  // optimiser of another object is running on it. REQUIRES: _mutex held.
+  void forceOptimize();
   static void drainOutput(Optimizer& o, bool atEnd);
 
   Mutex _mutex;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "CivilTime.h"
 
@@ -10,24 +11,32 @@ namespace {
 
 const char* const kFormatNames[kLogFormatCount] = {"syslog", "access", "kv", "java", "json"};
 
-// Digits only, with an optional K, M or G suffix (binary multiples) where
-// allowed.
+// Digits only, with an optional unit where allowed: KB, MB, GB are decimal
+// (10^3, 10^6, 10^9), KiB, MiB, GiB binary (2^10, 2^20, 2^30), and a bare
+// K, M or G (either case) is binary too.
 bool parseCount(const char* text, uint64_t& value, bool allowSuffix) {
   if (!*text || *text < '0' || *text > '9') return false;
   errno = 0;
   char* end = nullptr;
   const unsigned long long v = std::strtoull(text, &end, 10);
   if (errno == ERANGE) return false;
+  struct Unit {
+    const char* name;
+    uint64_t mult;
+  };
+  static const Unit kUnits[] = {
+      {"K", 1ULL << 10},      {"k", 1ULL << 10},      {"M", 1ULL << 20},      {"m", 1ULL << 20},
+      {"G", 1ULL << 30},      {"g", 1ULL << 30},      {"KiB", 1ULL << 10},    {"MiB", 1ULL << 20},
+      {"GiB", 1ULL << 30},    {"KB", 1000},           {"kB", 1000},           {"MB", 1000 * 1000},
+      {"GB", 1000ULL * 1000 * 1000},
+  };
   uint64_t mult = 1;
-  if (*end && allowSuffix && !end[1]) {
-    switch (*end) {
-      case 'k': case 'K': mult = 1024; break;
-      case 'm': case 'M': mult = 1024 * 1024; break;
-      case 'g': case 'G': mult = 1024ULL * 1024 * 1024; break;
-      default: return false;
-    }
-  } else if (*end) {
-    return false;
+  if (*end) {
+    if (!allowSuffix) return false;
+    const Unit* u = std::begin(kUnits);
+    while (u != std::end(kUnits) && std::strcmp(end, u->name) != 0) ++u;
+    if (u == std::end(kUnits)) return false;
+    mult = u->mult;
   }
   if (v > UINT64_MAX / mult) return false;
   value = v * mult;
@@ -43,7 +52,9 @@ const char* GenOptions::usage() {
          "Writes realistic sample logs, the same bytes for the same seed and options.\n"
          "  --seed N          seed of the random sequence (default 1)\n"
          "  --out DIR         output directory; files go to DIR/<host>/<name>.log (default samples)\n"
-         "  --size BYTES      total size over all files; K, M, G suffixes allowed (default 10000000)\n"
+         "  --size BYTES      total size over all files (default 10000000); a unit may follow:\n"
+         "                    KB, MB, GB = 10^3, 10^6, 10^9 bytes; KiB, MiB, GiB = 2^10, 2^20, 2^30;\n"
+         "                    K, M, G alone are binary (1000M = 1000 MiB)\n"
          "  --lines N         total number of events instead of a size (a stack trace counts once)\n"
          "  --days N          length of the time span in days (default 1)\n"
          "  --start DATE      first day of the span, YYYY-MM-DD, UTC (default 2026-11-01)\n"

@@ -10,6 +10,8 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <map>
+#include <memory>
 #include <vector>
 
 #include "libbundle/PropertiesMap.h"
@@ -19,6 +21,7 @@
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/ScopedPolicyLock.h"
 #include "tools/velmor-index/LeadingTime.h"
+#include "tools/velmor-index/SourceTypeName.h"
 #include "util/ReadWriteLock.h"
 
 namespace {
@@ -140,21 +143,35 @@ int IndexTool::add() {
     fail("index '%s' is read-only", _args.index.c_str());
     return 1;
   }
+  // One cleaner per source type, each from its segmenter stanza; they live
+  // until the index is closed.
   PropertyPages& seg = PropertyPages::instance("segmenters");
-  PropertiesMap stanza;
-  seg.fillLayers(stanza, _args.sourceType, false);
-  GenericCleaner cleaner(stanza);
+  std::map<Str, std::unique_ptr<GenericCleaner>> cleaners;
   uint64_t total = 0;
   int status = 0;
-  for (const Str& f : _args.files)
-    if (addFile(f, &cleaner, total) != 0) status = 1;
+  for (const Str& f : _args.files) {
+    Str sourceType = _args.sourceType.empty() ? sourceTypeFromPath(f) : _args.sourceType;
+    std::unique_ptr<GenericCleaner>& cleaner = cleaners[sourceType];
+    if (!cleaner) {
+      PropertiesMap stanza;
+      seg.fillLayers(stanza, sourceType, false);
+      cleaner = std::make_unique<GenericCleaner>(stanza);
+    }
+    if (addFile(f, sourceType, cleaner.get(), total) != 0) status = 1;
+  }
   if (_args.files.size() > 1) fprintf(_err, "velmor-index: %llu events added to %s\n", (unsigned long long)total,
                                       _args.index.c_str());
-  // The cleaner is about to go: the index must hold no queued event of it.
+  // The cleaners are about to go: the index must hold no queued event of them.
   // A last optimiser run leaves the hot bucket in few slices; close waits.
   try {
     if (_params.optimizeEvery > 0 && total > 0) {
       fprintf(_err, "velmor-index: merging the slices of %s\n", _args.index.c_str());
+      // A bucket takes one optimiser at a time, and one still running merges
+      // only the slices it found: the last run starts after it.
+      {
+        ScopedReader r(_policy->tableLock());
+        if (_policy->table().hot && _policy->table().hot->isOpen()) _policy->table().hot->index().waitForOptimizers();
+      }
       _policy->optimizeHotDb();
     }
     _policy->close();
@@ -184,7 +201,7 @@ void IndexTool::syncAndMaybeRoll() {
   }
 }
 
-int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded) {
+int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* cleaner, uint64_t& totalAdded) {
   FILE* in = fopen(file.c_str(), "r");
   struct stat st;
   if (!in || fstat(fileno(in), &st) != 0) {
@@ -204,7 +221,7 @@ int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& total
   WritableEvent ev;
   ev.host = StrSegment(host);
   ev.source = StrSegment(source);
-  ev.sourceType = StrSegment(_args.sourceType);
+  ev.sourceType = StrSegment(sourceType);
   ev.cleaner = cleaner;
   char timeText[24];
   char* line = nullptr;
@@ -237,8 +254,8 @@ int IndexTool::addFile(const Str& file, GenericCleaner* cleaner, uint64_t& total
       sinceSync = 0;
       syncAndMaybeRoll();
       if (progress) {
-        fprintf(_err, "velmor-index: %s: %llu of %llu bytes, %llu events synced\n", file.c_str(),
-                (unsigned long long)bytes, (unsigned long long)size, (unsigned long long)(totalAdded + added));
+        fprintf(_err, "velmor-index: %s: %llu/%llu bytes, %llu events\n", file.c_str(), (unsigned long long)bytes,
+                (unsigned long long)size, (unsigned long long)added);
         fflush(_err);
       }
     }

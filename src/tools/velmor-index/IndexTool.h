@@ -4,15 +4,17 @@
 //
 // The index's settings come from its stanza of the `indexes` property file
 // (with [default] beneath), the segmenter from the stanza of the source type
-// in `segmenters` (or [default]). add holds the index open for writing;
-// search and info open it read-only. add syncs the index every
+// in `segmenters` (or [default]). Without --sourcetype, each file's source
+// type comes from its name (sourceTypeFromPath). add holds the index open
+// for writing; search and info open it read-only. add syncs the index every
 // `syncEvery` events and at the end of each file, printing a progress line
-// on stderr at each sync of a long file ("<file>: <bytes> of <size> bytes,
-// <n> events synced"), and rolls the hot bucket when its directory outgrows
-// maxDataSize. At a sync, once `optimizeEvery` seconds have passed since the
-// last, it starts the optimiser on the hot bucket in the background (at most
-// `maxConcurrentOptimizes` at once), and at the end it starts one more and
-// waits for them, so that the bucket is left in few slices. Events synced are
+// on stderr at each sync of a long file, all counts of that file alone
+// ("<file>: <bytes read>/<size> bytes, <events> events"), and rolls the hot
+// bucket when its directory outgrows maxDataSize. At a sync, once `optimizeEvery` seconds have passed since the
+// last, it starts the optimiser on the hot bucket in the background (never
+// two at once on one bucket), and at the end it starts one more (unless one
+// is still running) and waits for it, so that the bucket is left in few
+// slices. Events synced are
 // searchable by later runs; a run killed
 // between syncs loses only the events after the last sync from the index.
 //
@@ -46,7 +48,7 @@ class IndexTool {
   bool loadParams();
   bool openPolicy(bool readOnly);
   int add();
-  int addFile(const Str& file, GenericCleaner* cleaner, uint64_t& totalAdded);
+  int addFile(const Str& file, const Str& sourceType, GenericCleaner* cleaner, uint64_t& totalAdded);
   void syncAndMaybeRoll();
   int search();
   int roll();

@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <fstream>
+#include <string>
+
 #include "libbundle/PropertiesMap.h"
+#include "libbundle/PropertyPages.h"
+#include "loaderinfo/LoaderInfo.h"
 #include "util/Exceptions.h"
 
 namespace {
@@ -63,6 +68,81 @@ TEST(PolicyParameters, StanzaInValuesOrMessageOut) {
       EXPECT_EQ(PolicyParameters::fromStanza("idx", m).maxDataSizeBytes, 2u << 20) << r.key;
     }
   }
+}
+
+TEST(PolicyParameters, EveryMissingKeyIsNamedInOneMessage) {
+  struct Missing {
+    std::vector<const char*> erase;
+    const char* error;
+  };
+  const Missing rows[] = {
+      {{"maxResults", "compressRawdata"}, "'maxResults', 'compressRawdata' tags required in config for index idx"},
+      {{"maxTotalDataSizeMB", "homePath", "thawedPath"},
+       "'homePath', 'thawedPath', 'maxTotalDataSizeMB' tags required in config for index idx"},
+      {{"homePath", "coldPath", "thawedPath", "maxResults", "compressRawdata", "maxDataSize", "maxTotalDataSizeMB"},
+       "'homePath', 'coldPath', 'thawedPath', 'maxResults', 'compressRawdata', 'maxDataSize', "
+       "'maxTotalDataSizeMB' tags required in config for index idx"},
+  };
+  for (const Missing& r : rows) {
+    PropertiesMap m = base();
+    for (const char* k : r.erase) m.erase(k);
+    // A bad value elsewhere does not hide the missing keys.
+    m.put("maxWarmDBCount", "lots");
+    try {
+      PolicyParameters::fromStanza("idx", m);
+      ADD_FAILURE() << r.error;
+    } catch (const DatabasePartitionPolicyException& e) {
+      EXPECT_STREQ(e.what(), r.error);
+    }
+  }
+}
+
+// A scratch installation with the shipped configuration and one new index
+// that names only its three paths.
+class ShippedDefaults : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/velmor-policyparams-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+    ASSERT_EQ(system(("bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + dir + " >/dev/null").c_str()), 0);
+    setenv("VELMOR_HOME", dir.c_str(), 1);
+    setenv("VELMOR_DB", (dir + "/var/lib/velmor/db").c_str(), 1);
+    LoaderInfo::getInstance().populateFromEnvironment();
+    std::ofstream conf(dir + "/etc/bundles/local/indexes.conf");
+    conf << "[fresh]\nhomePath = $VELMOR_DB/fresh/db\ncoldPath = $VELMOR_DB/fresh/colddb\n"
+            "thawedPath = $VELMOR_DB/fresh/thaweddb\n\n"
+            "[tuned]\nhomePath = /t/db\ncoldPath = /t/colddb\nthawedPath = /t/thaweddb\n"
+            "maxDataSize = 10\ncompressRawdata = false\n";
+  }
+  void TearDown() override {
+    if (!dir.empty() && system(("rm -rf " + dir).c_str()) != 0) ADD_FAILURE() << "cleanup";
+  }
+  std::string dir;
+};
+
+TEST_F(ShippedDefaults, NewIndexNeedsOnlyItsPathsAndDefaultSetsEveryKey) {
+  PropertyPages pages("indexes");
+  pages.updateConfigs();
+  PropertiesMap fresh;
+  pages.fillLayers(fresh, "fresh", false);
+  std::vector<Str> notes;
+  PolicyParameters p = PolicyParameters::fromStanza("fresh", fresh, &notes);
+  EXPECT_EQ(p.homePath, dir + "/var/lib/velmor/db/fresh/db");
+  EXPECT_EQ(p.maxResults, 50000);
+  EXPECT_TRUE(p.compressRawdata);
+  EXPECT_EQ(p.maxDataSizeBytes, uint64_t(750) << 20);
+  EXPECT_EQ(p.maxTotalDataSizeMB, 500000);
+  EXPECT_TRUE(p.coldToFrozenScript.empty());
+  // Nothing fell back to a built-in value: [default] names every setting.
+  for (const Str& n : notes) ADD_FAILURE() << n;
+
+  PropertiesMap tuned;
+  pages.fillLayers(tuned, "tuned", false);
+  p = PolicyParameters::fromStanza("tuned", tuned);
+  EXPECT_EQ(p.maxDataSize, 10);
+  EXPECT_FALSE(p.compressRawdata);
+  EXPECT_EQ(p.maxResults, 50000);
 }
 
 TEST(PolicyParameters, DefaultsAreLoggedAndBlockSignSizeIsCapped) {

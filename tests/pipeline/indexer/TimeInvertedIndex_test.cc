@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <string>
 
 #include "libbundle/PropertiesMap.h"
 #include "util/Exceptions.h"
@@ -141,6 +144,80 @@ TEST_F(TimeInvertedIndexTest, UncompressDirGunzipsSlices) {
   EXPECT_TRUE((dir / "other.gz").exists());
   { std::ofstream((dir / "bad.tsidx.gz").c_str()) << "not gzip"; }
   EXPECT_FALSE(TimeInvertedIndex::uncompressDir(dir));
+}
+
+// A stand-in optimiser that notes each start and then waits, at most a
+// minute, for the index to end it or for a "release" file.
+TEST_F(TimeInvertedIndexTest, OneOptimiserPerBucketAtATime) {
+  Pathname bucket = dir / "bucket";
+  ASSERT_TRUE(bucket.mkdir_p());
+  const std::string d = dir;
+  const std::string script = d + "/optimizer.sh";
+  {
+    std::ofstream f(script);
+    f << "#!/bin/sh\n"
+      << "echo start >> " << d << "/starts\n"
+      << "i=0; while [ $i -lt 1200 ] && [ ! -e " << d << "/release ]; do sleep 0.05; i=$((i+1)); done\n"
+      << "echo merged\n";
+  }
+  ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+  auto starts = [&] {
+    std::ifstream f(d + "/starts");
+    int n = 0;
+    for (std::string l; std::getline(f, l);) ++n;
+    return n;
+  };
+  // The stand-in notes its start a moment after it is spawned.
+  auto awaitStarts = [&](int n) {
+    for (int i = 0; i < 400 && starts() < n; ++i) usleep(25000);
+    return starts();
+  };
+  TimeInvertedIndex::Options o;
+  o.optimizer = script;
+  o.maxConcurrentOptimizes = 6;
+  o.waitForOptimize = 0;  // close ends the stand-in
+  {
+    TimeInvertedIndex idx(bucket, o);
+    idx.create(false);
+    put(idx, 100, 10, "web", "GET /a status=200");
+    ASSERT_TRUE(idx.sync(100));
+    ASSERT_TRUE(idx.optimize());
+    EXPECT_FALSE(idx.optimize());  // in flight on this bucket
+    EXPECT_EQ(idx.runningOptimizers(), 1u);
+    EXPECT_EQ(awaitStarts(1), 1);
+    // Another object on the same bucket may not start one either.
+    TimeInvertedIndex other(bucket, o);
+    other.openReadOnly();
+    EXPECT_FALSE(other.optimize());
+    other.close();
+    // Nor a forced run at the close of a writer on it.
+    TimeInvertedIndex writer(bucket, o);
+    writer.create(false);
+    writer.close(true);
+    // Nor may a maxConcurrentOptimizes of 0 start any, on any bucket.
+    Pathname quiet = dir / "quiet";
+    ASSERT_TRUE(quiet.mkdir_p());
+    TimeInvertedIndex::Options none = o;
+    none.maxConcurrentOptimizes = 0;
+    TimeInvertedIndex off(quiet, none);
+    off.create(false);
+    EXPECT_FALSE(off.optimize());
+    off.close();
+    idx.close();  // ends the optimiser and frees the bucket
+  }
+  EXPECT_EQ(starts(), 1);
+  TimeInvertedIndex again(bucket, o);
+  again.create(false);
+  EXPECT_TRUE(again.optimize());
+  EXPECT_EQ(awaitStarts(2), 2);
+  // Once the running one has ended, the next may start.
+  { std::ofstream(d + "/release") << ""; }
+  again.waitForOptimizers();
+  EXPECT_EQ(again.runningOptimizers(), 0u);
+  EXPECT_TRUE(again.optimize());
+  again.waitForOptimizers();
+  again.close();
+  EXPECT_EQ(starts(), 3);
 }
 
 }  // namespace

@@ -255,11 +255,9 @@ TEST_F(IndexToolTest, KillDuringWriteBurstKeepsSyncedEvents) {
   long synced = 0;
   int syncs = 0;
   while (syncs < 3 && fgets(line, sizeof line, err)) {
-    const char* p = strstr(line, " events synced");
+    const char* p = strstr(line, " bytes, ");
     if (!p) continue;
-    const char* q = p;
-    while (q > line && q[-1] >= '0' && q[-1] <= '9') --q;
-    synced = atol(q);
+    synced = atol(p + 8);
     ++syncs;
   }
   kill(pid, SIGKILL);
@@ -295,6 +293,34 @@ TEST_F(IndexToolTest, KillDuringWriteBurstKeepsSyncedEvents) {
   std::vector<std::string> old = search("t", {"evt0000777"});
   ASSERT_EQ(old.size(), 1u);
   EXPECT_EQ(old[0].substr(old[0].rfind('\t') + 1), genLine(777));
+}
+
+// Progress lines count the bytes and events of their own file; a file added
+// without --sourcetype gets the source type its name gives.
+TEST_F(IndexToolTest, ProgressIsPerFileAndSourceTypeComesFromTheName) {
+  const long perFile = 21000;  // 200-byte lines: just over the 4 MiB that earns progress lines
+  std::string auth = writeLog("auth.log.1", 1, perFile);
+  std::string web = writeLog("web_access.log", perFile + 1, 2 * perFile);
+  ToolRun add = run({"add", "t", auth, web, "--sync-every", "5000"});
+  ASSERT_EQ(add.status, 0) << add.err;
+  std::map<std::string, int> progress;
+  for (const std::string& l : lines(add.err)) {
+    unsigned long long bytes = 0, size = 0, events = 0;
+    char file[512];
+    if (sscanf(l.c_str(), "velmor-index: %511[^:]: %llu/%llu bytes, %llu events", file, &bytes, &size, &events) != 4)
+      continue;
+    ++progress[file];
+    EXPECT_EQ(size, 200ull * perFile) << l;
+    EXPECT_EQ(bytes, 200 * events) << l;
+    EXPECT_EQ(events % 5000, 0u) << l;
+    EXPECT_LE(events, (unsigned long long)perFile) << l;
+  }
+  EXPECT_EQ(progress[auth], 4) << add.err;
+  EXPECT_EQ(progress[web], 4) << add.err;
+
+  EXPECT_EQ(search("t", {"sourcetype::auth"}).size(), size_t(perFile));
+  EXPECT_EQ(search("t", {"sourcetype::web_access"}).size(), size_t(perFile));
+  EXPECT_EQ(search("t", {"sourcetype::unknown1"}).size(), 0u);
 }
 
 TEST_F(IndexToolTest, BucketsRollAndFindTheSameEvents) {

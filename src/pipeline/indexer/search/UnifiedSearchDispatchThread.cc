@@ -81,7 +81,12 @@ void UnifiedSearchDispatchThread::runSearch() {
   SearchResultsInfo& info = _info.runInfo();
   unsigned long total = 0;
   unsigned long rawTotal = 0;
+  bool first = true;
   while (SearchCancel::instance()->cont(cancelId)) {
+    // No further than the readers need: a `search ... | head 10` stops here
+    // once its rows exist, and ends when the reader cancels.
+    if (!first && !_info.waitForDemand()) break;
+    first = false;
     SearchResults batch;
     info.resultsComplete = true;
     pipeline->execute(batch, info);

@@ -27,9 +27,22 @@ UnifiedSearchDispatchThreadInfo::UnifiedSearchDispatchThreadInfo(const Str& key,
 
 UnifiedSearchDispatchThreadInfo::~UnifiedSearchDispatchThreadInfo() {
   if (_thread) {
-    SearchCancel::instance()->stop(_cancelId);
+    cancel();
     _thread.reset();  // joins
   }
+}
+
+void UnifiedSearchDispatchThreadInfo::cancel() {
+  SearchCancel::instance()->stop(_cancelId);
+  ScopedLock l(_mutex);
+  _cancelled = true;
+  _cond.internal_wake_all();
+}
+
+bool UnifiedSearchDispatchThreadInfo::waitForDemand() {
+  ScopedLock l(_mutex);
+  while (!_cancelled && _total > 0 && _total >= 2 * _wanted) _cond.wait(_mutex);
+  return !_cancelled;
 }
 
 void UnifiedSearchDispatchThreadInfo::startThread() {
@@ -74,6 +87,10 @@ bool UnifiedSearchDispatchThreadInfo::read(unsigned long start, unsigned long co
   bool finished;
   {
     ScopedLock l(_mutex);
+    if (need > _wanted) {
+      _wanted = need;
+      _cond.internal_wake_all();  // a thread waiting for demand goes on
+    }
     while (!_finished && _total < need) {
       if (gLogger.isDebugEnabled())
         gLogger.debug("Waiting on %s for results got %ld already waiting for %lu\n", _key.c_str(),

@@ -65,6 +65,9 @@ class UnifiedSearchDispatchThreadInfo {
   bool isExpired(const Timeval& now);
   bool isFinished();
   unsigned long rowCount();
+  // Cancels the run (SearchCancel) and wakes the thread if it waits for
+  // readers.
+  void cancel();
 
   // --- reader side ---------------------------------------------------------------
   // Waits until the run has finished or holds start + count rows, then
@@ -86,6 +89,10 @@ class UnifiedSearchDispatchThreadInfo {
   const SearchResults& unwritten() const { return _unwritten; }
   // The rows of unwritten() are in the file now: drops them from memory.
   void markWritten();
+  // The thread runs ahead of its readers by at most as many rows again as
+  // the most any reader asked for: before each batch after the first it
+  // waits here while it holds that many. False when the run was cancelled.
+  bool waitForDemand();
   // Adds an error message for the readers.
   void addError(const Str& text);
   // Ends the run: takes the messages of runInfo(), records the finish time
@@ -109,6 +116,8 @@ class UnifiedSearchDispatchThreadInfo {
   unsigned long _total = 0;
   unsigned long _written = 0;
   bool _finished = false;
+  bool _cancelled = false;
+  unsigned long _wanted = 0;  // the most rows any reader asked for
   SearchResults _unwritten;
   Timeval _earliest;
   Timeval _latest;

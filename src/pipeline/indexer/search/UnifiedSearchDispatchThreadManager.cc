@@ -103,7 +103,7 @@ void UnifiedSearchDispatchThreadManager::remove(const Str& key) {
     _infos.erase(it);
     _locks.erase(key);
     _removing.insert(key);
-    SearchCancel::instance()->stop(run->cancelId());
+    run->cancel();
   }
   {
     // Readers counted themselves in under the manager's mutex while the key
@@ -134,7 +134,7 @@ void UnifiedSearchDispatchThreadManager::clear() {
     ScopedLock l(_mutex);
     for (const auto& [key, run] : _infos) {
       keys.push_back(key);
-      SearchCancel::instance()->stop(run->cancelId());
+      run->cancel();
     }
   }
   for (const Str& key : keys) remove(key);

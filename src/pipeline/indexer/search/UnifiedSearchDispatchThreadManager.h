@@ -7,7 +7,9 @@
 // "<home>/var/run/velmor/<id>/unified-search-<key digest>.csv" and starts a
 // UnifiedSearchDispatchThread, which parses the text as a pipeline and runs
 // it batch by batch, appending each batch to the file and waking the
-// readers. A reader releases the manager's mutex before it waits on the
+// readers; it never holds more than twice the rows its readers asked for
+// before it waits for them to ask for more (a `search x | head 10` reads a
+// few batches, not `max_events` rows). A reader releases the manager's mutex before it waits on the
 // info's condition until the thread has finished or holds start + count
 // rows; rows are then read back from the file (the newest ones, not yet
 // written, from memory). Lock order: manager mutex, then the key's

@@ -302,6 +302,21 @@ TEST_F(UnifiedSearchTest, StopsOnceItHoldsMaxEventsRows) {
   EXPECT_TRUE(all->messages("ERROR").empty());
 }
 
+// A run reads ahead of its readers by at most as many rows again as they
+// asked for: a reader of the first 10 rows of a long search costs a few
+// batches, and asking for more lets it go on.
+TEST_F(UnifiedSearchTest, RunsOnlyAsFarAsItsReadersNeed) {
+  const std::string search = "testbatches rows=100000 batch=5";
+  EXPECT_EQ(read(search, 0, 10)->numbers(), range(0, 10));
+  // Give a run that ignored its readers the time to race ahead.
+  for (int i = 0; i < 20 && gExecutes.load() < 100; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_LE(gExecutes.load(), 5);  // 20 rows held: twice what was asked
+  EXPECT_EQ(read(search, 40, 10)->numbers(), range(40, 50));
+  for (int i = 0; i < 20 && gExecutes.load() < 100; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_LE(gExecutes.load(), 21);  // 100 rows held at most
+  EXPECT_GE(gExecutes.load(), 10);
+}
+
 TEST_F(UnifiedSearchTest, FailuresBecomeErrorMessages) {
   struct Case {
     std::string search;
