@@ -1,11 +1,13 @@
 #include "framework/GzPrefixCache.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <new>
 
 #include "util/Logger.h"
 
@@ -16,6 +18,17 @@ Logger gLogger("SplitCompression");
 constexpr size_t kStep = size_t(256) << 10;
 }  // namespace
 
+void GzPrefixCache::Entry::Free::operator()(char* p) const {
+  if (p != nullptr) ::munmap(p, bytes);
+}
+
+GzPrefixCache::Entry::Buffer GzPrefixCache::Entry::allocate(size_t n) {
+  void* p = ::mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) throw std::bad_alloc();
+  if (n >= (size_t(2) << 20)) ::madvise(p, n, MADV_HUGEPAGE);  // advice only: failure is harmless
+  return Buffer(static_cast<char*>(p), Free{n});
+}
+
 GzPrefixCache::Entry::Entry(int fd, int64_t fileSize) {
   // ISIZE, the last four bytes of a gzip file: the inflated length (mod
   // 2^32) of its last member. A plausible value sizes the buffer at once.
@@ -24,7 +37,7 @@ GzPrefixCache::Entry::Entry(int fd, int64_t fileSize) {
     const size_t isize = size_t(trailer[0]) | size_t(trailer[1]) << 8 | size_t(trailer[2]) << 16 |
                          size_t(trailer[3]) << 24;
     if (isize > 0 && isize <= size_t(1) << 30) {
-      _buf.reset(new char[isize + 1]);  // one spare byte: the end is seen without a regrow
+      _buf = allocate(isize + 1);  // one spare byte: the end is seen without a regrow
       _capacity = isize + 1;
     }
   }
@@ -45,11 +58,14 @@ bool GzPrefixCache::Entry::Locked_ensure(size_t end) {
   size_t grown = 0;
   while (_size < end && !_eof && !_broken) {
     // At least a step, at most what is missing or 16 steps at a time.
-    const size_t want = std::min(std::max(kStep, end - _size), 16 * kStep);
-    if (_capacity - _size < want) {
+    size_t want = std::min(std::max(kStep, end - _size), 16 * kStep);
+    // Within the size the trailer gave, read no further than it: the spare
+    // byte at its end tells the stream's end without a regrow.
+    if (_capacity > _size) want = std::min(want, _capacity - _size);
+    if (_capacity == _size) {
       // More than the trailer said (several members): grow by doubling.
-      const size_t cap = std::max(_size + want, _capacity * 2);
-      std::unique_ptr<char[]> bigger(new char[cap]);
+      const size_t cap = std::max(_size + want, _capacity * 2);  // capacity 0: want
+      Buffer bigger = allocate(cap);
       if (_size > 0) std::memcpy(bigger.get(), _buf.get(), _size);
       _buf = std::move(bigger);
       _capacity = cap;

@@ -64,7 +64,15 @@ class GzPrefixCache {
     // The inflated bytes: _size of them in a buffer of _capacity, sized at
     // first from the gzip trailer (the inflated length of the last member),
     // so that a single-member file is inflated into place with no copy.
-    std::unique_ptr<char[]> _buf;
+    struct Free {
+      size_t bytes;
+      void operator()(char* p) const;
+    };
+    using Buffer = std::unique_ptr<char, Free>;
+    // A buffer of n bytes on huge pages where the system gives them (an
+    // inflated file is megabytes, touched once: fewer page faults).
+    static Buffer allocate(size_t n);
+    Buffer _buf{nullptr, Free{0}};
     size_t _size = 0;
     size_t _capacity = 0;
     bool _eof = false;
