@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 DEMO_HOME  ?= $(CURDIR)/demo-home
 
-.PHONY: all bootstrap build test test-fast asan demo bench fuzz clean
+.PHONY: all bootstrap build test test-fast asan demo bench bench-ingest fuzz clean
 
 all: build
 
@@ -39,6 +39,10 @@ demo: build
 
 bench: build
 	@for b in $(BUILD)/bench/*/bench_*; do [ -x "$$b" ] && echo "== $$b" && $$b; done
+
+# Ingest cost at scale against sqlite3 FTS5 and gzip (INGEST_BENCH_MB, default 1000).
+bench-ingest: build
+	bash bench/ingest_at_scale.sh $(BUILD)
 
 fuzz: bootstrap
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMOR_FUZZ=ON -DVELMOR_BENCH=OFF
