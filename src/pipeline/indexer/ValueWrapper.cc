@@ -1,6 +1,18 @@
 #include "pipeline/indexer/ValueWrapper.h"
 
-Str ValueWrapper::cd() const { return Str::fromFormat("%u:%u", bucketId, address); }
+#include <algorithm>
+#include <cstdio>
+
+size_t ValueWrapper::cdInto(char* buf, size_t size) const {
+  int n = snprintf(buf, size, "%u:%u", bucketId, address);
+  return n < 0 ? 0 : std::min(size_t(n), size ? size - 1 : 0);
+}
+
+Str ValueWrapper::cd() const {
+  char buf[24];
+  size_t n = cdInto(buf, sizeof buf);
+  return Str(buf, n);
+}
 
 static bool readU32(const char*& p, const char* end, uint32_t& out) {
   if (p == end || *p < '0' || *p > '9') return false;

@@ -27,6 +27,9 @@ struct ValueWrapper {
 
   // "<bucket id>:<address>".
   Str cd() const;
+  // The same text into buf (NUL-terminated, 22 bytes are always enough);
+  // returns its length. For per-event use: no allocation.
+  size_t cdInto(char* buf, size_t size) const;
   // Reads a "_cd" text back; false unless it is two decimal numbers joined
   // by one colon.
   static bool parseCd(const StrSegment& text, uint32_t& bucketId, uint32_t& address);

@@ -28,8 +28,7 @@ SearchResult* EventRowWriter::append(SearchResults& results, const DataWrapper& 
   char buf[48];
   r->setValue(_raw, event.raw);
   r->setValue(_time, buf, size_t(snprintf(buf, sizeof buf, "%ld", long(event.time))));
-  r->setValue(_cd, buf,
-              size_t(snprintf(buf, sizeof buf, "%u:%u", unsigned(event.value.bucketId), unsigned(event.value.address))));
+  r->setValue(_cd, buf, event.value.cdInto(buf, sizeof buf));
   r->setValue(_serial, buf, size_t(snprintf(buf, sizeof buf, "%llu", (unsigned long long)serial)));
   r->setValue(_host, event.host);
   r->setValue(_source, event.source);

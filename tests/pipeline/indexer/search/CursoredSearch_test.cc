@@ -24,6 +24,7 @@
 #include "search/processors/SearchEvaluator.h"
 #include "util/Exceptions.h"
 #include "util/MainThread.h"
+#include "../ScratchHome.h"
 
 namespace {
 
@@ -47,19 +48,12 @@ class CursoredSearchTest : public ::testing::Test {
   static void SetUpTestSuite() {
     if (!MainThread::instance()) new MainThread();
     setenv("VELMOR_ST_NEVER_FORK", "1", 1);
-    char tmpl[] = "/tmp/velmor-cursoredsearch-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    suiteDir = new std::string(tmpl);
-    std::string home = *suiteDir + "/home";
-    ASSERT_EQ(system(("bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + home + " >/dev/null").c_str()), 0);
-    setenv("VELMOR_HOME", home.c_str(), 1);
-    setenv("VELMOR_DB", (home + "/var/lib/velmor/db").c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
+    scratch = new ScratchHome("cursoredsearch");
+    ASSERT_TRUE(scratch->ok());
   }
   static void TearDownTestSuite() {
-    if (suiteDir && system(("rm -rf " + *suiteDir).c_str()) != 0) ADD_FAILURE() << "cleanup";
-    delete suiteDir;
-    suiteDir = nullptr;
+    delete scratch;
+    scratch = nullptr;
   }
 
   void SetUp() override { makePolicy([](PolicyParameters&) {}); }
@@ -67,7 +61,7 @@ class CursoredSearchTest : public ::testing::Test {
     policy.reset();
     events.clear();
     static int seq = 0;
-    Pathname at = Pathname(*suiteDir) / Str::fromFormat("idx%d", seq++);
+    Pathname at = Pathname(scratch->dir) / Str::fromFormat("idx%d", seq++);
     PropertiesMap m;
     m.put("homePath", at / "db");
     m.put("coldPath", at / "colddb");
@@ -179,12 +173,12 @@ class CursoredSearchTest : public ::testing::Test {
     }
   }
 
-  static std::string* suiteDir;
+  static ScratchHome* scratch;
   std::unique_ptr<DatabasePartitionPolicy> policy;
   std::vector<Event> events;
 };
 
-std::string* CursoredSearchTest::suiteDir = nullptr;
+ScratchHome* CursoredSearchTest::scratch = nullptr;
 
 // Bucket A holds the even seconds, bucket B the odd ones and 150 more
 // events in one second, both hold 80 events of one shared second, and the

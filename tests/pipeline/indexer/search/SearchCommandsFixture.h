@@ -27,6 +27,7 @@
 #include "search/SearchResult.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "../ScratchHome.h"
 
 namespace velmortest {
 
@@ -68,14 +69,10 @@ class SearchCommandsFixture : public ::testing::Test {
   static constexpr long kT0 = 1795132800;
 
   void SetUp() override {
-    char tmpl[] = "/tmp/velmor-searchcmds-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    home = dir + "/home";
-    ASSERT_EQ(system(("bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + home + " >/dev/null").c_str()), 0);
-    setenv("VELMOR_HOME", home.c_str(), 1);
-    setenv("VELMOR_DB", (home + "/var/lib/velmor/db").c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
+    scratch = std::make_unique<ScratchHome>("searchcmds");
+    ASSERT_TRUE(scratch->ok());
+    dir = scratch->dir;
+    home = scratch->home;
     if (MainThread::instance() == nullptr) new MainThread();  // the unified search starts threads
   }
 
@@ -83,7 +80,7 @@ class SearchCommandsFixture : public ::testing::Test {
     UnifiedSearchDispatchThreadManager::instance()->clear();  // background searches end first
     processor.reset();
     UserManager::setPermissions(nullptr);
-    if (!dir.empty() && system(("rm -rf " + dir).c_str()) != 0) ADD_FAILURE() << "cleanup";
+    scratch.reset();
   }
 
   // Writes indexes.conf (index "main" with `mainExtra` lines) and starts
@@ -153,6 +150,7 @@ class SearchCommandsFixture : public ::testing::Test {
     return "";
   }
 
+  std::unique_ptr<ScratchHome> scratch;
   std::string dir, home;
   std::unique_ptr<IndexProcessor> processor;
   int rounds = 0;

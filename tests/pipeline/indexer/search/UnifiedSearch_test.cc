@@ -30,6 +30,7 @@
 #include "util/Exceptions.h"
 #include "util/MainThread.h"
 #include "util/Pathname.h"
+#include "../ScratchHome.h"
 
 namespace {
 
@@ -117,20 +118,16 @@ class UnifiedSearchTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     if (MainThread::instance() == nullptr) new MainThread();
-    char tmpl[] = "/tmp/velmor-unifiedsearch-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir = tmpl;
-    home = dir + "/home";
-    ASSERT_EQ(system(("bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + home + " >/dev/null").c_str()), 0);
-    setenv("VELMOR_HOME", home.c_str(), 1);
-    setenv("VELMOR_DB", (home + "/var/lib/velmor/db").c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
+    scratch = new ScratchHome("unifiedsearch");
+    ASSERT_TRUE(scratch->ok());
+    home = scratch->home;
     SearchFactory::registerProcessor("testbatches", &TestBatches::make, false);
   }
   static void TearDownTestSuite() {
     UnifiedSearchDispatchThreadManager::instance()->clear();
     SearchFactory::unregister("testbatches");
-    if (!dir.empty() && system(("rm -rf " + dir).c_str()) != 0) ADD_FAILURE() << "cleanup";
+    delete scratch;
+    scratch = nullptr;
   }
   void SetUp() override {
     limits("");
@@ -210,10 +207,12 @@ class UnifiedSearchTest : public ::testing::Test {
                     UnifiedSearchDispatchThreadManager::keyDigest(key) + ".csv");
   }
 
-  static std::string dir, home;
+  static ScratchHome* scratch;
+  static std::string home;
 };
 
-std::string UnifiedSearchTest::dir, UnifiedSearchTest::home;
+ScratchHome* UnifiedSearchTest::scratch = nullptr;
+std::string UnifiedSearchTest::home;
 
 TEST_F(UnifiedSearchTest, PagesAcrossBatchesKeepEveryRowInOrder) {
   // Batches of 10, pages of 7: pages start inside batches and span them;
