@@ -18,7 +18,8 @@
 # waited for (/usr/bin/time). The logs are written just before, so every tool
 # reads them from the page cache. Then the one bucket's bytes by section: raw
 # data (rawdata/*.gz), slices (*.tsidx), metadata tables (*.data) and the
-# rest, with bytes per event.
+# rest, with bytes per event, and the slices by section (velmor-tsidx
+# sections): values, attribute arrays, term tables, lexicons, postings.
 #
 #   INGEST_BENCH_MB=1000   size of the generated logs, in 10^6 bytes (a 1000
 #                          MB run takes well over ten minutes)
@@ -38,7 +39,7 @@ case "$MB" in
     exit 2
     ;;
 esac
-for t in velmor-genlogs velmor-index; do
+for t in velmor-genlogs velmor-index velmor-tsidx; do
   if [ ! -x "$BUILD/bin/$t" ]; then
     echo "ingest_at_scale: $BUILD/bin/$t not found; build first" >&2
     exit 1
@@ -249,3 +250,7 @@ find "$BUCKET" -type f -printf '%s %P\n' | awk -v raw="$RAW" -v ev="$EVENTS" '
     }
     printf "%-30s %12d %7.1f%% %12.4f %10.1f\n", "files of the bucket", total, 100, total / raw, total / ev
   }'
+
+echo
+echo "== Slices of the bucket by section (velmor-tsidx sections)"
+"$BUILD/bin/velmor-tsidx" sections "$BUCKET" | sed 's/^/   /'

@@ -1,10 +1,12 @@
 // The two command-line tools over the engine, run as programs: command lines
 // in, standard output and exit status out.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "st_test_util.h"
@@ -94,6 +96,50 @@ TEST_F(Tools, OptimizerMergesUntilTheRuleStops) {
   EXPECT_EQ(run(bin("velmor-optimize")).status, 2);
   EXPECT_EQ(run(bin("velmor-optimize") + " -q " + dir_).status, 2);
   EXPECT_EQ(run(bin("velmor-optimize") + " " + dir_ + "/missing").status, 1);
+}
+
+// The sections of every slice add up to its file, the counts are the
+// headers', and a file that is not a slice is reported, not summed.
+TEST_F(Tools, SectionsAccountForEveryByte) {
+  std::string t = bin("velmor-tsidx") + " ";
+  ASSERT_EQ(run(t + "put " + dir_ + " 100 1 error disk full").status, 0);
+  ASSERT_EQ(run(t + "put " + dir_ + " 200 2 warn disk").status, 0);
+  ToolRun r = run(t + "sections " + dir_);
+  ASSERT_EQ(r.status, 0) << r.out;
+  // "all slices <values> <terms> <postings> <bytes>", then one row per section.
+  unsigned long long values = 0, terms = 0, postings = 0, bytes = 0;
+  size_t at = r.out.find("all slices");
+  ASSERT_NE(at, std::string::npos) << r.out;
+  ASSERT_EQ(sscanf(r.out.c_str() + at, "all slices %llu %llu %llu %llu", &values, &terms, &postings, &bytes), 4);
+  EXPECT_EQ(values, 2u);
+  EXPECT_EQ(terms, 3u + 2u) << "each slice counts its own terms";
+  EXPECT_EQ(postings, 3u + 2u);
+  unsigned long long onDisk = 0;
+  for (const std::string& n : ScratchDir::list(dir_)) {
+    struct stat st;
+    if (n.size() > 6 && n.compare(n.size() - 6, 6, ".tsidx") == 0 && stat((dir_ + "/" + n).c_str(), &st) == 0)
+      onDisk += uint64_t(st.st_size);
+  }
+  EXPECT_EQ(bytes, onDisk);
+  unsigned long long sum = 0;
+  for (const char* name : {"values (time, address)", "attribute arrays", "posting list offsets", "term metadata",
+                           "rf_map", "forward lexicon", "reversed lexicon", "postings"}) {
+    size_t p = r.out.find(std::string("\n") + name + " ");
+    ASSERT_NE(p, std::string::npos) << name;
+    unsigned long long b = 0;
+    ASSERT_EQ(sscanf(r.out.c_str() + p + 1 + strlen(name), "%llu", &b), 1) << name;
+    sum += b;
+  }
+  EXPECT_EQ(sum, bytes);
+
+  FILE* f = fopen((dir_ + "/0-0-1.tsidx").c_str(), "w");
+  fputs("not a slice", f);
+  fclose(f);
+  r = run(t + "sections " + dir_);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("(1 slice could not be read)"), std::string::npos) << r.out;
+  EXPECT_EQ(run(t + "sections " + dir_ + "/missing").status, 1);
+  EXPECT_EQ(run(t + "sections " + dir_ + " extra").status, 2);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "SliceSections.h"
 #include "pipeline/indexer/EngineRunnerScope.h"
 #include "searchthing/ipcver.h"
 
@@ -30,6 +31,7 @@ const char kUsage[] =
     "  enum DIR [--reversed] [--limit N] [PREFIX]\n"
     "                                terms with their posting counts\n"
     "  optimize DIR [-f]             merge slices until the size rule stops (-f: down to one)\n"
+    "  sections DIR                  bytes of each slice by section, and their sum per value and term\n"
     "Answers print as: TIME ADDR TYPE SOURCE SOURCETYPE HOST\n"
     "Exit status: 0 success, 1 the engine failed, 2 bad usage or input.\n";
 
@@ -185,6 +187,14 @@ int main(int argc, char** argv) {
   if (argc < 3) return usageError("%s", "no index directory given");
   std::string cmd = argv[1];
   const char* dir = argv[2];
+  if (cmd == "sections") {
+    if (argc != 3) return usageError("%s takes only DIR", "sections");
+    std::vector<SliceSections> slices;
+    int skipped = 0;
+    if (!readDirectorySections(dir, slices, &skipped)) return engineError("list", dir);
+    printSections(slices, skipped, stdout);
+    return skipped ? 1 : 0;
+  }
   bool writes = cmd == "put" || cmd == "put-file" || cmd == "tokenize" || cmd == "sync" || cmd == "optimize";
   bool reads = cmd == "query" || cmd == "get" || cmd == "meta" || cmd == "enum";
   if (!writes && !reads) return usageError("unknown command '%s'", cmd.c_str());
