@@ -226,9 +226,13 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const
   flush(true, base + text.size());
 }
 
+// The shipped [default] of segmenters.conf: every breaker major, so that
+// index and search both cut text into its words.
 PropertiesMap GenericCleaner::defaultStanza() {
   PropertiesMap m;
-  m.put("MAJOR", "\\s \\n \\r \\t [ ] < > ( ) { } | ! ; , ' \" * \\n \\r \\s \\t & ? + %21 %26 %2526 %3B %7C %20 %2B %3D");
-  m.put("MINOR", "/ : = @ . - $ # % \\\\ _");
+  m.put("MAJOR",
+        "\\s \\t \\n \\r [ ] < > ( ) { } | ! ; , ' \" * & ? + ` %20 %2C %5B %5D %3B %0A %2520 / : = @ . - $ # "
+        "\\\\ %");
+  m.put("MINOR", "");
   return m;
 }

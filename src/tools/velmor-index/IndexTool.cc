@@ -18,6 +18,7 @@
 #include "libbundle/PropertyPages.h"
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
 #include "pipeline/indexer/GenericCleaner.h"
+#include "pipeline/indexer/QSMSetAcceptor.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/ScopedPolicyLock.h"
 #include "tools/velmor-index/LeadingTime.h"
@@ -282,29 +283,57 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
 
 int IndexTool::search() {
   if (!openPolicy(true)) return 1;
-  std::vector<Str> terms;
+  // Each argument is cut into words as a search cuts its text; the words are
+  // looked up, and an argument of more than one word ("10.0.0.2",
+  // "action=delete") must also stand in the event's text, case aside.
+  // key::value terms go to the index as they are.
+  const GenericCleaner* cleaner = _policy->cleanerByName("search");
+  std::vector<Str> terms, phrases;
   for (const Str& t : _args.terms) {
     Str lower = t;
     for (char& c : lower) c = char(std::tolower((unsigned char)c));
-    terms.push_back(lower);
+    QSMSetAcceptor words;
+    if (cleaner && lower.find("::") == Str::npos) cleaner->tokenize(StrSegment(lower), words);
+    if (words.words().size() <= 1 && (words.words().empty() || *words.words().begin() == lower)) {
+      terms.push_back(lower);
+      continue;
+    }
+    terms.insert(terms.end(), words.words().begin(), words.words().end());
+    phrases.push_back(lower);
   }
+  // Without phrases one query answers; with them, candidates come in rounds
+  // (newest first) until --count events hold the phrases or none are left.
+  const size_t wanted = size_t(_args.count);
+  const size_t round = phrases.empty() ? wanted : 100000;
+  size_t printed = 0;
+  int status = 0;
   std::vector<ValueWrapper> values;
-  if (!_policy->query(terms, {}, {}, int32_t(_args.earliest), int32_t(_args.latest), size_t(_args.count), values)) {
-    fail("the search of '%s' failed", _args.index.c_str());
-    return 1;
+  Str lowerRaw;
+  for (size_t skip = 0; printed < wanted; skip += round) {
+    if (!_policy->query(terms, {}, {}, int32_t(_args.earliest), int32_t(_args.latest), round, values, skip)) {
+      fail("the search of '%s' failed", _args.index.c_str());
+      return 1;
+    }
+    if (!printEvents(values, phrases, wanted, printed, lowerRaw)) status = 1;
+    if (values.size() < round) break;
   }
+  return status;
+}
+
+bool IndexTool::printEvents(const std::vector<ValueWrapper>& values, const std::vector<Str>& phrases, size_t wanted,
+                            size_t& printed, Str& lowerRaw) {
   // Events are read in chunks, each in address order within its bucket, so
   // that compressed raw files are read forwards; they are printed newest
   // first, as found.
   const size_t kChunk = 10000;
-  int status = 0;
+  bool status = true;
   char when[32];
   std::vector<size_t> order;
   std::vector<ValueWrapper> sorted;
   std::vector<DataWrapper> data;
   std::vector<bool> ok;
   std::vector<size_t> slot;
-  for (size_t from = 0; from < values.size(); from += kChunk) {
+  for (size_t from = 0; from < values.size() && printed < wanted; from += kChunk) {
     size_t to = std::min(values.size(), from + kChunk);
     order.resize(to - from);
     for (size_t i = from; i < to; ++i) order[i - from] = i;
@@ -319,16 +348,25 @@ int IndexTool::search() {
       slot[order[k] - from] = k;
     }
     _policy->read(sorted, data, ok);
-    for (size_t i = from; i < to; ++i) {
+    for (size_t i = from; i < to && printed < wanted; ++i) {
       const ValueWrapper& v = values[i];
       size_t k = slot[i - from];
       if (!ok[k]) {
         fail("cannot read event %s", v.cd().c_str());
-        status = 1;
+        status = false;
         continue;
       }
+      const StrSegment& raw = data[k].raw;
+      if (!phrases.empty()) {
+        lowerRaw.assign(raw.data(), raw.size());
+        for (char& c : lowerRaw) c = char(std::tolower((unsigned char)c));
+        bool all = true;
+        for (const Str& p : phrases) all = all && lowerRaw.find(p) != Str::npos;
+        if (!all) continue;
+      }
+      ++printed;
       formatTime(v.time, when, sizeof when);
-      fprintf(_out, "%s\t%s\t%.*s\n", when, v.cd().c_str(), int(data[k].raw.size()), data[k].raw.data());
+      fprintf(_out, "%s\t%s\t%.*s\n", when, v.cd().c_str(), int(raw.size()), raw.data());
     }
   }
   return status;

@@ -5,10 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "QueryModuleTestIndex.h"
+#include "libbundle/PropertyPages.h"
+#include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/GetEvents.h"
 #include "pipeline/indexer/GetHosts.h"
 #include "pipeline/indexer/OutputVelmorUI21.h"
@@ -65,7 +70,7 @@ TEST_F(OutputVelmorUITest, Version22Document) {
       "\t<r cd=\"" +
       ids[0].cd() +
       "\" lines=\"2\">"
-      "<sg c=\"1\">GET</sg> <sg c=\"1\">/a</sg>&amp;<sg c=\"1\">b</sg> &lt;<sg c=\"1\">x</sg>&gt;\n"
+      "<sg c=\"1\">GET</sg> /<sg c=\"1\">a</sg>&amp;<sg c=\"1\">b</sg> &lt;<sg c=\"1\">x</sg>&gt;\n"
       "<sg c=\"1\">line</sg> <sg c=\"1\">two</sg>"
       "<meta><sg c=\"4\">11/14/2023:22:14:20</sg> "
       "<sg c=\"5\" override=\"+host::web2\">web2</sg> "
@@ -74,7 +79,8 @@ TEST_F(OutputVelmorUITest, Version22Document) {
       "\t<r cd=\"" +
       ids[1].cd() +
       "\" lines=\"1\">"
-      "<sg c=\"1\">disk</sg> <sg c=\"1\" h=\"1\">error</sg> <sg c=\"1\">on</sg> <sg c=\"1\">/dev/sda1</sg>"
+      "<sg c=\"1\">disk</sg> <sg c=\"1\" h=\"1\">error</sg> <sg c=\"1\">on</sg> /<sg c=\"1\">dev</sg>/"
+      "<sg c=\"1\">sda1</sg>"
       "<meta><sg c=\"4\">11/14/2023:22:13:20</sg> "
       "<sg c=\"5\" h=\"1\" override=\"+host::web1\">web1</sg> "
       "<sg c=\"6\" override=\"+source::/var/log/app.log\">/var/log/app.log</sg> "
@@ -157,7 +163,42 @@ struct SegmentRow {
 
 // Segments come from the index's segmenter (majors: blanks, brackets, "&";
 // minors: "/", ".", ...; runs of pieces are terms too). "b" is a search term.
+// A home whose segmenters.conf gives [default] the minor breakers "." and
+// "/", so that segments nest; it goes, with the configuration, at the end.
+class MinorBreakerHome {
+ public:
+  MinorBreakerHome() {
+    char tmpl[] = "/tmp/velmor-ui-home-XXXXXX";
+    if (!mkdtemp(tmpl)) abort();
+    _path = Pathname(tmpl);
+    (_path / "etc/bundles/default").mkdir_p();
+    FILE* f = fopen((_path / "etc/bundles/default/segmenters.conf").c_str(), "w");
+    if (!f) abort();
+    fputs("[default]\nMAJOR = \\s \\n < >\nMINOR = . /\nINTERMEDIATE_MAJORS = true\n", f);
+    fclose(f);
+    const char* old = getenv("VELMOR_HOME");
+    if (old) _old = old;
+    setenv("VELMOR_HOME", _path.c_str(), 1);
+    LoaderInfo::getInstance().populateFromEnvironment();
+    PropertyPages::instance("segmenters").updateConfigs();
+  }
+  ~MinorBreakerHome() {
+    _path.removeRecursive();
+    if (_old.empty())
+      unsetenv("VELMOR_HOME");
+    else
+      setenv("VELMOR_HOME", _old.c_str(), 1);
+    LoaderInfo::getInstance().populateFromEnvironment();
+    PropertyPages::instance("segmenters").updateConfigs();
+  }
+
+ private:
+  Pathname _path;
+  Str _old;
+};
+
 TEST_F(OutputVelmorUITest, SegmentFormsAndMaxLines) {
+  MinorBreakerHome home;
   const SegmentRow rows[] = {
       {"raw", "a.b c<d>", nullptr, "a.b c&lt;d&gt;"},
       {"outer", "a.b c", nullptr, "<sg c=\"1\">a.b</sg> <sg c=\"1\">c</sg>"},

@@ -77,7 +77,7 @@ TEST(QueryStateMachineTest, TokensBuildTheTree) {
       {{"(", "(", "a", ")"}, "ERROR: Mismatched parens"},
       // words as the segmenter cuts them, phrases
       {{"[Error]"}, "AND(error)"},
-      {{"10.1.2.3"}, "AND(10.1.2.3)"},
+      {{"blk_10.1"}, "AND(AND(1, blk_10)) PHRASE(*blk_10.1*)"},  // punctuation breaks words, "_" does not
       {{"foo bar"}, "AND(AND(bar, foo)) PHRASE(*foo bar*)"},
       {{"\"Foo Bar\""}, "AND(AND(bar, foo)) PHRASE(*foo bar*)"},
       {{"foo ba*r"}, "AND(AND(ba*r, foo)) PHRASE(*foo ba*r*)"},

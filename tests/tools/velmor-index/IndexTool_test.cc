@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <set>
@@ -162,6 +163,50 @@ TEST_F(IndexToolTest, LoghubWordCountsMatchGrep) {
     EXPECT_EQ(search(index, {upper}).size(), search(index, {list[1]}).size()) << system;
   }
   if (systems == 0) GTEST_SKIP() << "no sample logs under " << kLoghub;
+}
+
+// Text is indexed by its words; a string of several words is looked up by
+// them and confirmed in the text, wherever it stands, and --count counts the
+// confirmed events only.
+TEST_F(IndexToolTest, StringsOfSeveralWordsAreFoundInsideLongerOnes) {
+  std::string log = dir + "/net.log";
+  {
+    std::ofstream f(log);
+    f << "2026-11-20T00:00:01Z sync to 10.0.0.2:123 done\n"
+         "2026-11-20T00:00:02Z src=10.0.0.2 dst=10.9.9.9\n"
+         "2026-11-20T00:00:03Z peer 10.0.0.20 up\n"
+         "2026-11-20T00:00:04Z peer 110.0.0.2 up\n"
+         "2026-11-20T00:00:05Z words 10 0 2 apart\n"
+         "2026-11-20T00:00:06Z path /var/log/Syslog.1 rotated\n";
+  }
+  ASSERT_EQ(run({"add", "t", log}).status, 0);
+  struct Case {
+    std::vector<std::string> args;
+    std::vector<int> seconds;  // of the events found, newest first
+  } cases[] = {
+      {{"10.0.0.2"}, {2, 1}},
+      {{"src=10.0.0.2"}, {2}},
+      {{"10.0.0.2:123"}, {1}},
+      // The words 0 and 2 must be words of the event: 10.0.0.20 holds the
+      // string but not the word 2.
+      {{"0.0.2"}, {4, 2, 1}},
+      {{"10.0.0"}, {3, 2, 1}},
+      {{"/var/log/syslog.1"}, {6}},
+      {{"log/SYSLOG"}, {6}},
+      {{"10.0.0.2", "dst=10.9.9.9"}, {2}},
+      {{"10.0.0.2", "--count", "1"}, {2}},
+      {{"10.0.0.3"}, {}},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args{"search", "t"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    if (std::find(c.args.begin(), c.args.end(), "--count") == c.args.end()) args.insert(args.end(), {"--count", "100"});
+    ToolRun r = run(args);
+    ASSERT_EQ(r.status, 0) << c.args[0] << ": " << r.err;
+    std::vector<int> got;
+    for (const std::string& l : lines(r.out)) got.push_back(std::stoi(l.substr(17, 2)));
+    EXPECT_EQ(got, c.seconds) << c.args[0];
+  }
 }
 
 TEST_F(IndexToolTest, TimesBoundsAndOrder) {
