@@ -78,18 +78,21 @@ void ParseNodeCMP::setSides(const Str& left, const Str& right, const GenericClea
   _value = lowercase(unescape(unquote(right)));
   if (_orLT != _orGT) return;
   _matcher = std::make_unique<WildcardMatcher>(StrSegment(_value.data(), _value.size()));
-  std::unique_ptr<PropertiesMap> stanza = PropertyPages::instance("fields").get(_key);
-  if (!stanza) return;
+  // The key's stanza over [default]: a key without a stanza of its own
+  // takes the defaults (INDEXED_VALUE = true ships there, so that a search
+  // of key=value looks up the value's words).
+  PropertiesMap stanza;
+  PropertyPages::instance("fields").fillLayers(stanza, _key, false);
   Str pattern;
-  if (stanza->get("TOKENIZER", pattern) && !pattern.empty()) {
+  if (PropertyPages::layeredFind("TOKENIZER", stanza, pattern) && !pattern.empty()) {
     auto re = std::make_unique<RE>(pattern);
     // An invalid expression is dropped without a message.
     if (re->error().empty() && re->NumberOfCapturingGroups() >= 1) _tokenizer = std::move(re);
   }
   bool flag = false;
-  if (PropertyPages::layeredFind("INDEXED", *stanza, flag)) _isIndexed = flag;
+  if (PropertyPages::layeredFind("INDEXED", stanza, flag)) _isIndexed = flag;
   flag = false;
-  if (PropertyPages::layeredFind("INDEXED_VALUE", *stanza, flag)) _isIndexedValue = flag;
+  if (PropertyPages::layeredFind("INDEXED_VALUE", stanza, flag)) _isIndexedValue = flag;
   if (_isIndexedValue && cleaner) cleaner->tokenize(StrSegment(_value.data(), _value.size()), *this);
 }
 

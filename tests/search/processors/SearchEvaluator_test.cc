@@ -17,6 +17,12 @@
 
 namespace {
 
+const char kFields[] =
+    "[mv]\nTOKENIZER = (\\w+)\n"
+    "[badtok]\nTOKENIZER = ([\n"
+    "[ip]\nINDEXED = true\n"
+    "[user]\nINDEXED_VALUE = true\n";
+
 // A home with the shipped segmenters and a few field stanzas.
 searchtest::ScratchHome& home() {
   static searchtest::ScratchHome h;
@@ -25,11 +31,7 @@ searchtest::ScratchHome& home() {
     std::stringstream text;
     text << in.rdbuf();
     h.writeConf("segmenters", text.str());
-    h.writeConf("fields",
-                "[mv]\nTOKENIZER = (\\w+)\n"
-                "[badtok]\nTOKENIZER = ([\n"
-                "[ip]\nINDEXED = true\n"
-                "[user]\nINDEXED_VALUE = true\n");
+    h.writeConf("fields", kFields);
     return true;
   }();
   (void)written;
@@ -229,6 +231,21 @@ TEST(SearchEvaluatorTest, IndexString) {
       {"_time<=200 a", "inexact|0|201|AND:|a|NOT:|OR:"},
   };
   for (const Case& c : cases) EXPECT_EQ(c.out, indexString(c.in)) << "search: " << c.in;
+}
+
+// A key without a stanza of its own takes the settings of [default]: with
+// INDEXED_VALUE there (as shipped), key=value looks up the value's words.
+TEST(SearchEvaluatorTest, KeysWithoutAStanzaTakeTheDefault) {
+  home().writeConf("fields", std::string("[default]\nINDEXED_VALUE = true\n[plain]\nINDEXED_VALUE = false\n") + kFields);
+  const Case cases[] = {
+      {"x=1", "inexact|0|2147483647|AND:|1|NOT:|OR:"},
+      {"request_id=3F88887C", "inexact|0|2147483647|AND:|3f88887c|NOT:|OR:"},
+      {"src=10.0.0.2", "inexact|0|2147483647|AND:|0|10|2|NOT:|OR:"},
+      {"plain=1", "inexact|0|2147483647|AND:|NOT:|OR:"},
+      {"x!=1", "inexact|0|2147483647|AND:|NOT:|OR:"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.out, indexString(c.in)) << "search: " << c.in;
+  home().writeConf("fields", kFields);
 }
 
 TEST(SearchEvaluatorTest, ComparisonsOnRows) {

@@ -308,8 +308,9 @@ TEST_F(CursoredSearchTest, InexactExpressionsAreCutByTheFilter) {
   // A phrase: the index finds its words, the filter the words in a row.
   EXPECT_EQ(asSet(readAll("\"201 n\"", 50)), expected([](const Event& e) { return e.n % 3 == 1; }));
 
+  // A range the index cannot narrow: most batches are emptied by the filter.
   size_t empties = 0;
-  rows = readAll("u2 n=152", 10, false, &empties);
+  rows = readAll("u2 n>151 n<153", 10, false, &empties);
   ASSERT_EQ(rows.size(), 1u);
   EXPECT_EQ(rows[0].raw, rawOf(152));
   EXPECT_EQ(rows[0].serial, "0");
