@@ -56,6 +56,7 @@ SplitCompression::SplitCompression(const Pathname& path, uint64_t rollSize, int 
 }
 
 SplitCompression::~SplitCompression() {
+  ScopedLock w(_writeMutex);
   ScopedLock l(_mutex);
   if (_writeContext) _writeContext->close();
   _writeContext.reset();
@@ -104,9 +105,23 @@ std::map<int64_t, Str> SplitCompression::files() {
 }
 
 void SplitCompression::open() {
+  ScopedLock w(_writeMutex);
   ScopedLock l(_mutex);
   openLocked();
 }
+
+void SplitCompression::setWriteBuffer(size_t bytes) {
+  ScopedLock w(_writeMutex);
+  _writeBuffer = bytes;
+  if (_writeContext) _writeContext->setBuffer(bytes);
+}
+
+bool SplitCompression::flush() {
+  ScopedLock w(_writeMutex);
+  return !_writeContext || _writeContext->flush();
+}
+
+int SplitCompression::flushHook(void* ctx) { return static_cast<SplitCompression*>(ctx)->flush() ? 0 : -1; }
 
 void SplitCompression::openLocked() {
   if (_writeContext) return;
@@ -120,6 +135,7 @@ void SplitCompression::openLocked() {
     if (!last->second.ends_with(".gz")) {
       // Carry on in the plain last file; the next write pads a torn tail.
       _writeContext = std::make_unique<WriteContext>(lastFile, last->first, _addressShift);
+      _writeContext->setBuffer(_writeBuffer);
       return;
     }
     ReadContext rc(lastFile, last->first, -1, this, _addressShift);
@@ -133,13 +149,18 @@ void SplitCompression::openLocked() {
   }
   Pathname file = fileFor(base, false);
   _writeContext = std::make_unique<WriteContext>(file, base, _addressShift);
+  _writeContext->setBuffer(_writeBuffer);
   _foundFiles[base] = file.toLeaf();
   _nextBase = -1;
 }
 
 int64_t SplitCompression::write(int32_t time, std::string_view raw, std::string_view meta) {
+  ScopedLock w(_writeMutex);
   try {
-    if (!_writeContext) open();
+    if (!_writeContext) {
+      ScopedLock l(_mutex);
+      openLocked();
+    }
   } catch (const FileCompressionException&) {
     return -1;  // logged where it was thrown
   }
@@ -155,19 +176,26 @@ int64_t SplitCompression::write(int32_t time, std::string_view raw, std::string_
   return start >> _addressShift;
 }
 
+// REQUIRES: fromWrite, or _writeMutex not held by this thread.
 void SplitCompression::roll(bool fromWrite) {
+  std::unique_ptr<ScopedLock> w;
+  if (!fromWrite) w = std::make_unique<ScopedLock>(_writeMutex);
   ScopedLock l(_mutex);
   closeCurrentLocked(!fromWrite);
   openLocked();
 }
 
 void SplitCompression::close() {
+  ScopedLock w(_writeMutex);
   ScopedLock l(_mutex);
   closeCurrentLocked(true);
 }
 
 void SplitCompression::closeCurrentLocked(bool wait) {
   if (!_writeContext) return;
+  // Records that cannot be written keep the file open (and their addresses
+  // theirs): the roll waits for a flush that succeeds.
+  if (!_writeContext->flush()) return;
   _writeContext->close();
   const Pathname file = _writeContext->fileName();
   const int64_t base = _writeContext->base();
@@ -223,6 +251,11 @@ bool SplitCompression::read(int64_t address, Str& raw, Str& meta, int32_t& time,
                             std::unique_ptr<ReadContext>* ctx) {
   if (address < 0 || address >= (int64_t(1) << (62 - _addressShift))) return false;
   const int64_t offset = address << _addressShift;
+  {
+    // A record still in the write buffer is written out before it is read.
+    ScopedLock w(_writeMutex);
+    if (_writeContext && _writeContext->buffered() && offset >= _writeContext->base()) _writeContext->flush();
+  }
   int64_t base, end = -1;
   Str name;
   {

@@ -9,11 +9,16 @@
 // marker is an old one with plain byte offsets (shift 0).
 //
 // DESIGN: writes come from one thread (the index thread, under the policy's
-// lock) and go straight to the open WriteContext, one writev each. The mutex
-// guards _foundFiles, the roll and the compression token; readers take it
-// only to find which file an address lies in, then read with their own
-// ReadContext and descriptor, so any number of reads run at once beside the
-// writer. At most one gzip runs at a time: a roll waits for the previous one
+// lock) and go to the open WriteContext: one writev each, or, with a write
+// buffer (setWriteBuffer), gathered into large writes. A buffered record is
+// in the file after the next flush(): the index calls it before it writes a
+// slice (so no slice names an address the file does not hold), and a read
+// of the file being written calls it first. _writeMutex serialises the
+// writer, the roll and those flushes; it is taken before _mutex, never
+// after. _mutex guards _foundFiles, the roll and the compression token;
+// readers take it only to find which file an address lies in, then read
+// with their own ReadContext and descriptor, so any number of reads run at
+// once beside the writer. At most one gzip runs at a time: a roll waits for the previous one
 // before starting the next. gzip replaces "N" by "N.gz" under readers, whose
 // open descriptors keep working; a context opened later finds either name.
 //
@@ -58,6 +63,16 @@ class SplitCompression {
   // Appends one event; returns its address, or -1 (logged). REQUIRES: raw
   // is not empty.
   int64_t write(int32_t time, std::string_view raw, std::string_view meta);
+  // Gathers records in a buffer of `bytes` per file (0, the default: one
+  // write per record). Whoever turns it on must call flush() before anything
+  // that names the buffered addresses becomes visible.
+  void setWriteBuffer(size_t bytes);
+  // Writes out the buffered records of the current file. True when none are
+  // left buffered. Any thread.
+  bool flush();
+  // flush() for the index engine's before-write hook: ctx is the journal;
+  // 0 on success, -1 otherwise.
+  static int flushHook(void* ctx);
   // Reads the event at address. ctx, when given, is reused if it belongs to
   // this journal and covers the address, and replaced otherwise, so that a
   // caller walking addresses in order reads each file once. Never throws.
@@ -98,6 +113,8 @@ class SplitCompression {
   bool _compress;
   std::unique_ptr<WriteContext> _writeContext;
   std::map<int64_t, Str> _foundFiles;  // base offset -> file name
+  Mutex _writeMutex;  // the writer, its buffer and the roll; before _mutex
+  size_t _writeBuffer = 0;
   Mutex _mutex;
   ExternalProcessToken _compressionToken;
   int64_t _compressingBase = -1;

@@ -73,8 +73,42 @@ bool WriteContext::padToBoundary() {
   const int64_t unit = int64_t(1) << _addressShift;
   const size_t pad = size_t((unit - (_bytesWritten % unit)) % unit);
   if (pad == 0) return true;
+  if (_used + pad <= _cap) {
+    std::memset(_buf.get() + _used, 0, pad);
+    _used += pad;
+    _bytesWritten += int64_t(pad);
+    return true;
+  }
+  if (!flush()) return false;
   struct iovec iov = {const_cast<char*>(kZeros), pad};
   return writeAll(&iov, 1, pad);
+}
+
+bool WriteContext::setBuffer(size_t bytes) {
+  if (!flush()) return false;
+  _buf.reset(bytes ? new char[bytes] : nullptr);
+  _cap = bytes;
+  return true;
+}
+
+bool WriteContext::flush() {
+  size_t done = 0;
+  while (done < _used) {
+    ssize_t n = _fd.isValid() ? ::write(_fd.get(), _buf.get() + done, _used - done) : (errno = EBADF, -1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      gLogger.error("write failure: file=%s errno=%m", _fileName.c_str());
+      int saved = errno;
+      std::memmove(_buf.get(), _buf.get() + done, _used - done);
+      _used -= done;
+      errno = saved;
+      return false;
+    }
+    done += size_t(n);
+  }
+  _used = 0;
+  return true;
 }
 
 // One record, little-endian and packed; `len` = rawLen + metaLen + 8.
@@ -125,13 +159,29 @@ int64_t WriteContext::write(int32_t time, std::string_view raw, std::string_view
       {const_cast<char*>(kZeros), pad},
   };
   const int64_t start = _base + _bytesWritten;
-  if (!writeAll(iov, 8, body + pad)) return -1;
+  const size_t total = body + pad;
+  if (_cap > 0 && total <= _cap) {
+    // Gathered in the buffer; a full buffer goes out first. A buffer that
+    // will not flush refuses the record rather than grow.
+    if (_used + total > _cap && !flush()) return -1;
+    char* out = _buf.get() + _used;
+    for (const struct iovec& part : iov) {
+      std::memcpy(out, part.iov_base, part.iov_len);
+      out += part.iov_len;
+    }
+    _used += total;
+    _bytesWritten += int64_t(total);
+    return start;
+  }
+  if (!flush()) return -1;
+  if (!writeAll(iov, 8, total)) return -1;
   return start;
 }
 
 bool WriteContext::close() {
   if (!_fd.isValid()) return true;
-  bool ok = padToBoundary();
+  bool ok = padToBoundary() && flush();
   ok = _fd.close() && ok;
+  _used = 0;
   return ok;
 }

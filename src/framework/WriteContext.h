@@ -4,12 +4,22 @@
 // bytes of the logical stream, so that a record's address is its logical
 // offset shifted right by addressShift.
 //
-// Ownership: owned by its SplitCompression; it owns its descriptor.
-// Threads: one writer thread at a time (the index thread, under the policy
-// lock); it holds no lock of its own.
+// With a write buffer (setBuffer), records are gathered in memory and go to
+// the file in large writes: at flush(), when the buffer is full, and at
+// close. The logical offsets (and so the addresses) are the same either way;
+// a record becomes readable from the file at the flush after it. A flush
+// that fails keeps what it could not write, in order, for the next one, so
+// no address is ever given twice.
+//
+// Ownership: owned by its SplitCompression; it owns its descriptor and its
+// buffer.
+// Threads: one thread at a time; SplitCompression serialises the writer and
+// flushes from other threads.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "util/Pathname.h"
@@ -31,7 +41,17 @@ class WriteContext {
   int64_t write(int32_t time, std::string_view raw, std::string_view meta);
   // Zero-fills the file up to the next boundary; false on a write failure.
   bool padToBoundary();
-  // Pads and closes the descriptor; later writes fail.
+  // Gathers records in a buffer of `bytes` (0: every record goes out in one
+  // writev of its own). Flushes what the old buffer holds first; false if
+  // that fails (the old buffer is then kept).
+  bool setBuffer(size_t bytes);
+  // Writes what the buffer holds. True when it is empty afterwards; on a
+  // failure ("write failure: file=%s errno=%m") the rest stays buffered.
+  bool flush();
+  // Bytes written but still in the buffer.
+  size_t buffered() const { return _used; }
+  // Flushes, pads and closes the descriptor; later writes fail. A buffer
+  // that cannot be flushed is dropped with the descriptor (logged).
   bool close();
 
   const Pathname& fileName() const { return _fileName; }
@@ -49,5 +69,8 @@ class WriteContext {
   int64_t _base;
   int _addressShift;
   ScopedFileDescriptor _fd;
-  int64_t _bytesWritten = 0;
+  int64_t _bytesWritten = 0;  // logical: on disk plus buffered
+  std::unique_ptr<char[]> _buf;
+  size_t _cap = 0;
+  size_t _used = 0;
 };

@@ -671,6 +671,14 @@ int32_t st_is_optimized(st_handle* h) {
   return h->direct ? REAL_st_is_optimized(h->direct) : word_request(h, CMD_IS_OPTIMIZED, 0, 0);
 }
 int32_t st_sync(st_handle* h) { return h->direct ? REAL_st_sync(h->direct) : word_request(h, CMD_SYNC, 0, 0); }
+
+int32_t st_set_before_write(st_handle* h, int (*fn)(void* ctx), void* ctx) {
+  if (!h->direct) {
+    errno = ENOTSUP;
+    return -1;
+  }
+  return REAL_st_set_before_write(h->direct, fn, ctx);
+}
 int32_t st_sync_fd(st_handle* h) {
   return h->direct ? REAL_st_sync_fd(h->direct) : word_request(h, CMD_SYNC_FD, 0, 0);
 }

@@ -70,6 +70,10 @@ int32_t st_meta(st_handle* h, const char* term, st_meta_answer* result);
 int32_t st_enum(st_handle* h, const char* prefix, int which, st_enum_answer* answers, uint32_t capacity);
 int32_t st_is_optimized(st_handle* h);
 int32_t st_sync(st_handle* h);
+// Sets the function the engine calls before it writes a hot slice holding
+// values (see st_tsidx.before_write). 0, or -1 with ENOTSUP for a forked
+// handle, whose slices are written in another process.
+int32_t st_set_before_write(st_handle* h, int (*fn)(void* ctx), void* ctx);
 int32_t st_sync_fd(st_handle* h);
 int32_t st_optimize(st_handle* h);
 int32_t st_optimize_ex(st_handle* h, int force);

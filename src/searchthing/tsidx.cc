@@ -65,7 +65,8 @@ int st_tsidx_options(st_tsidx* t, uint64_t pool, uint64_t terms, uint64_t postin
   if (postings) t->max_postings = postings;
   if (values) t->max_values = values;
   if (t->hot) {
-    st_tsidx_sync(t, 0);
+    // A slice its owner's hook would not let out is kept, in its old sizes.
+    if (st_tsidx_sync(t, 0) == -1 && st_hot_slice_values(t->hot) != 0) return -1;
     st_hot_slice_close(t->hot);
     t->hot = nullptr;
   }
@@ -134,8 +135,10 @@ static int put_hashed(st_tsidx* t, const char* term, size_t len, uint32_t key, i
       case -3: ++t->full_postings; break;
       default: ++t->full_pool; break;
     }
+    // A sync that left the slice full (its owner could not make the values
+    // durable) fails the put; one that lost the slice goes on with an empty one.
     if (!t->autotune) {
-      st_tsidx_sync(t, 0);
+      if (st_tsidx_sync(t, 0) == -1 && st_hot_slice_values(t->hot) != 0) return -1;
       if (st_hot_slice_put_hashed(t->hot, term, len, key, time, address, type, source, source_type, host) != 0) {
         errno = ENOSPC;
         return -1;
@@ -143,7 +146,7 @@ static int put_hashed(st_tsidx* t, const char* term, size_t len, uint32_t key, i
       return 0;
     }
     autotune_sizes(t);
-    st_tsidx_sync(t, 0);
+    if (st_tsidx_sync(t, 0) == -1 && st_hot_slice_values(t->hot) != 0) return -1;
     if (!hot_fits_sizes(t)) {
       st_hot_slice_close(t->hot);
       t->hot = nullptr;
@@ -221,6 +224,10 @@ static void link_into_place(const char* tmp, Namer next_name) {
 
 int st_tsidx_sync(st_tsidx* t, int fd_mode) {
   if (!t->hot || st_hot_slice_values(t->hot) == 0) return 0;
+  if (t->before_write && (errno = 0, t->before_write(t->before_write_ctx)) != 0) {
+    if (errno == 0) errno = EIO;
+    return -1;  // the hot slice is kept for a later sync
+  }
   char tmp[kPathMax];
   tmp[0] = '\0';
   if (!fd_mode) {

@@ -44,6 +44,12 @@ typedef struct st_tsidx {
   uint64_t full_terms, full_values, full_postings, full_pool;
   int autotune;                 // 1 when autotuning is on
   uint64_t autotune_budget;     // bytes a hot slice may take when autotuning
+  // Called before a hot slice holding values is written out (by a sync, or
+  // by a put that finds a table full): the owner makes durable whatever the
+  // slice's values point at. Non-zero keeps the hot slice as it is and fails
+  // the sync. Null for none.
+  int (*before_write)(void* ctx);
+  void* before_write_ctx;
 } st_tsidx;
 
 // Callback of st_tsidx_apply: gets each open slice, newest first, and the
@@ -69,6 +75,8 @@ int st_tsidx_parse_name(const char* name, int32_t* latest, int32_t* earliest, lo
 
 st_tsidx* st_tsidx_open(const char* path, int flags);
 int st_tsidx_close(st_tsidx* t);  // syncs first
+// Sizes of the next hot slice; the current one is written out first. -1 when
+// its before-write hook refused (the slice and its sizes stay as they were).
 int st_tsidx_options(st_tsidx* t, uint64_t pool, uint64_t terms, uint64_t postings, uint64_t values);
 int st_tsidx_autotune(st_tsidx* t, uint64_t budget);
 int st_tsidx_put(st_tsidx* t, const char* term, int32_t time, uint32_t address, uint32_t type,
@@ -125,6 +133,7 @@ int32_t REAL_st_enum(st_real_handle* h, const char* prefix, int which, st_enum_a
                      uint32_t capacity);
 int32_t REAL_st_is_optimized(st_real_handle* h);
 int32_t REAL_st_sync(st_real_handle* h);
+int32_t REAL_st_set_before_write(st_real_handle* h, int (*fn)(void* ctx), void* ctx);
 int32_t REAL_st_sync_fd(st_real_handle* h);
 int32_t REAL_st_optimize(st_real_handle* h);
 int32_t REAL_st_optimize_ex(st_real_handle* h, int force);

@@ -315,6 +315,13 @@ int32_t REAL_st_sync(st_real_handle* h) {
   return st_tsidx_sync(h->idx, 0);
 }
 
+int32_t REAL_st_set_before_write(st_real_handle* h, int (*fn)(void* ctx), void* ctx) {
+  CHECK_HANDLE(h);
+  h->idx->before_write = fn;
+  h->idx->before_write_ctx = ctx;
+  return 0;
+}
+
 int32_t REAL_st_sync_fd(st_real_handle* h) {
   CHECK_HANDLE(h);
   return st_tsidx_sync(h->idx, 1);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "framework/ReadContext.h"
+#include "framework/WriteContext.h"
 
 namespace {
 
@@ -359,4 +360,66 @@ TEST(SplitCompression, ReadsBesideRollsAndCompression) {
   reader.join();
   EXPECT_EQ(failures.load(), 0);
   EXPECT_GT(sc.files().size(), 10u);
+}
+
+// With a write buffer the file holds the same bytes at the same addresses,
+// but only after a flush; a read of a buffered record flushes first, and a
+// record larger than the buffer goes straight out after what is buffered.
+TEST(SplitCompression, BufferedRecordsReachTheFileAtFlush) {
+  ScratchDir dir;
+  ScratchDir plainDir;
+  SplitCompression sc(Pathname(Str(dir.path + "/rawdata")));
+  SplitCompression plain(Pathname(Str(plainDir.path + "/rawdata")));
+  sc.setWriteBuffer(256);
+  const std::string file = dir.path + "/rawdata/0";
+  std::vector<Event> events;
+  for (int i = 0; i < 5; ++i) {
+    std::string raw = "event number " + std::to_string(i);
+    int64_t a = sc.write(100 + i, raw, "m");
+    EXPECT_EQ(a, plain.write(100 + i, raw, "m"));
+    events.push_back({a, 100 + i, raw, "m"});
+  }
+  EXPECT_EQ(fileBytes(file), "") << "all five fit in the buffer";
+  EXPECT_TRUE(sc.flush());
+  EXPECT_EQ(fileBytes(file), fileBytes(plainDir.path + "/rawdata/0"));
+
+  // Buffered again; reading one writes the buffer out first.
+  events.push_back({sc.write(200, "late", ""), 200, "late", ""});
+  plain.write(200, "late", "");
+  EXPECT_NE(fileBytes(file), fileBytes(plainDir.path + "/rawdata/0"));
+  expectEvent(sc, events.back(), nullptr);
+  EXPECT_EQ(fileBytes(file), fileBytes(plainDir.path + "/rawdata/0"));
+
+  // Larger than the buffer: the buffered record, then the big one, in order.
+  sc.write(300, "small", "");
+  plain.write(300, "small", "");
+  std::string big(1000, 'b');
+  events.push_back({sc.write(301, big, ""), 301, big, ""});
+  EXPECT_EQ(events.back().address, plain.write(301, big, ""));
+  EXPECT_EQ(fileBytes(file), fileBytes(plainDir.path + "/rawdata/0"));
+  for (const Event& e : events) expectEvent(sc, e, nullptr);
+
+  // Close writes out the rest.
+  sc.write(400, "last", "");
+  plain.write(400, "last", "");
+  sc.close();
+  plain.close();
+  EXPECT_EQ(fileBytes(file + ".gz").empty(), false);
+  EXPECT_EQ(fileBytes(file + ".gz").size(), fileBytes(plainDir.path + "/rawdata/0.gz").size());
+}
+
+// A buffer that cannot be written keeps its records (and their addresses)
+// for the next flush; records that no longer fit are refused, not reordered.
+TEST(SplitCompression, FailedFlushKeepsTheBuffer) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  WriteContext wc(Pathname(Str("/dev/full")), 0, 5);
+  ASSERT_TRUE(wc.setBuffer(64));
+  EXPECT_EQ(wc.write(1, "0123456789", ""), 0);
+  EXPECT_EQ(wc.write(2, "abcdefghij", ""), 32);
+  EXPECT_EQ(wc.buffered(), 64u);
+  EXPECT_FALSE(wc.flush());
+  EXPECT_EQ(wc.buffered(), 64u);
+  EXPECT_EQ(wc.write(3, "x", ""), -1) << "the buffer is full and will not flush";
+  EXPECT_EQ(wc.endOffset(), 64);
+  EXPECT_FALSE(wc.close());
 }

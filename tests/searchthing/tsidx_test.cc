@@ -456,6 +456,78 @@ TEST_F(TsidxEdges, FullHotSliceSyncsAndKeepsEverything) {
   EXPECT_EQ(st_close(h), 0);
 }
 
+// The before-write hook runs before every slice that holds values is
+// written (by a sync and by a put that finds a table full); while it fails,
+// nothing is written, the hot slice keeps its postings, and a put into the
+// full slice fails instead of looping; once it succeeds, everything lands.
+struct HookState {
+  int calls = 0;
+  bool fail = false;
+  size_t slicesSeen = 0;
+  std::string dir;
+};
+
+int countingHook(void* ctx) {
+  HookState* s = static_cast<HookState*>(ctx);
+  ++s->calls;
+  s->slicesSeen = ScratchDir::countSuffix(s->dir, ".tsidx");
+  if (s->fail) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return 0;
+}
+
+TEST_F(TsidxEdges, BeforeWriteHookGuardsEverySlice) {
+  HookState state;
+  state.dir = dir_;
+  st_handle* h = st_open(dir_.c_str());
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(st_options(h, 4096, 258, 300, 300), 0);
+  ASSERT_EQ(st_set_before_write(h, countingHook, &state), 0);
+  EXPECT_EQ(st_sync(h), 0);
+  EXPECT_EQ(state.calls, 0) << "nothing to write, no call";
+
+  ASSERT_EQ(st_put(h, "alpha", 10, 1, 0, 0, 0, 0), 0);
+  EXPECT_EQ(st_sync(h), 0);
+  EXPECT_EQ(state.calls, 1);
+  EXPECT_EQ(state.slicesSeen, 0u) << "called before the slice is written";
+  EXPECT_EQ(ScratchDir::countSuffix(dir_, ".tsidx"), 1u);
+
+  state.fail = true;
+  ASSERT_EQ(st_put(h, "beta", 20, 2, 0, 0, 0, 0), 0);
+  EXPECT_EQ(st_sync(h), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(ScratchDir::countSuffix(dir_, ".tsidx"), 1u);
+
+  // New sizes need the slice written: refused, and the slice kept.
+  EXPECT_EQ(st_options(h, 8192, 0, 0, 0), -1);
+  // A table that fills while the hook fails: the put fails, nothing is lost.
+  int rc = 0;
+  uint32_t put = 0;
+  for (uint32_t i = 0; i < 1000 && rc == 0; ++i) {
+    rc = st_put(h, ("u" + std::to_string(i)).c_str(), 100 + int32_t(i), 100 + i, 0, 0, 0, 0);
+    if (rc == 0) ++put;
+  }
+  EXPECT_EQ(rc, -1) << "a full slice that cannot be written refuses puts";
+  EXPECT_GT(put, 0u);
+
+  state.fail = false;
+  EXPECT_EQ(st_sync(h), 0);
+  std::vector<st_tsval> ans(4);
+  EXPECT_EQ(st_get(h, "beta", 0, 10000, ans.data(), 4, 0), 1) << "kept through the failed syncs";
+  EXPECT_EQ(st_get(h, ("u" + std::to_string(put - 1)).c_str(), 0, 10000, ans.data(), 4, 0), 1);
+  EXPECT_EQ(st_close(h), 0);
+
+  // A forked handle writes in another process: no hook.
+  EnvGuard fork{"VELMOR_ST_ALWAYS_FORK", "1"};
+  st_handle* f = st_open(dir_.c_str());
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(st_set_before_write(f, countingHook, &state), -1);
+  EXPECT_EQ(errno, ENOTSUP);
+  EXPECT_EQ(st_close(f), 0);
+}
+
 TEST_F(TsidxEdges, AutotuneKeepsEverything) {
   st_handle* h = st_open(dir_.c_str());
   ASSERT_NE(h, nullptr);

@@ -146,3 +146,7 @@ void MultiThreadedIndexer::indexBatch(Batch& b) {
     _value.index(ev);
   }
 }
+
+bool MultiThreadedIndexer::setBeforeWrite(int (*fn)(void* ctx), void* ctx) {
+  return _handle && st_set_before_write(_handle, fn, ctx) == 0;
+}

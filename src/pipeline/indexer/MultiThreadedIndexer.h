@@ -63,6 +63,10 @@ class MultiThreadedIndexer : public Thread {
   // Indexes everything queued so far and flushes the thread's hot slice.
   // False when the flush failed.
   bool sync();
+  // Sets the engine's before-write hook of this thread's handle (see
+  // st_set_before_write); false for a forked handle. Call before the first
+  // event is queued.
+  bool setBeforeWrite(int (*fn)(void* ctx), void* ctx);
 
   void main() override;
 

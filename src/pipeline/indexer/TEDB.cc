@@ -76,6 +76,10 @@ void TEDB::open() {
   }
   auto data = std::make_unique<SplitCompression>(_dir / "rawdata", _params.rawRollSize,
                                                  int(_params.addressCompressBits), _params.compressRawdata);
+  // Raw data goes out in large writes once the engine flushes it before
+  // every slice it writes; close() closes the journal (flushing) first.
+  if (!_readOnly && index->setBeforeSliceWrite(&SplitCompression::flushHook, data.get()))
+    data->setWriteBuffer(kRawWriteBuffer);
   _index = std::move(index);
   _data = std::move(data);
   _open.store(true, std::memory_order_release);
@@ -84,10 +88,13 @@ void TEDB::open() {
 void TEDB::close() {
   if (!_open.load()) return;
   _open.store(false);
+  // The journal first: its close writes out buffered records, which the
+  // index's last slice may name; the index's hook points at the journal, so
+  // the index goes before the journal does.
   if (_data) _data->close();
   if (_index && _index->isOpen()) _index->close();
-  _data.reset();
   _index.reset();
+  _data.reset();
 }
 
 void TEDB::widenTimes(int64_t t) {

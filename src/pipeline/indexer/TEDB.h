@@ -88,6 +88,9 @@ class TEDB {
   const PolicyParameters& _params;
   std::atomic<bool> _open{false};
   bool _readOnly = false;
+  // Bytes of raw data gathered before a write (see SplitCompression).
+  static constexpr size_t kRawWriteBuffer = 256 * 1024;
+
   std::unique_ptr<TimeInvertedIndex> _index;
   std::unique_ptr<SplitCompression> _data;
 };

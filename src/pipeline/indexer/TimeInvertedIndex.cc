@@ -196,6 +196,19 @@ void TimeInvertedIndex::openReadOnly() {
   _lastSync = INT64_MIN;
 }
 
+bool TimeInvertedIndex::setBeforeSliceWrite(int (*fn)(void* ctx), void* ctx) {
+  ScopedLock l(_mutex);
+  if (!_handle || _readOnly) return false;
+  bool all = st_set_before_write(_handle, fn, ctx) == 0;
+  for (auto& d : _dispatchers) all = d->setBeforeWrite(fn, ctx) && all;
+  if (!all) {
+    // Either every handle flushes first or none does.
+    st_set_before_write(_handle, nullptr, nullptr);
+    for (auto& d : _dispatchers) d->setBeforeWrite(nullptr, nullptr);
+  }
+  return all;
+}
+
 void TimeInvertedIndex::createDispatchers() {
   if (_options.indexThreads == 0 || !_dispatchers.empty()) return;
   gLogger.info("Creating %lu indexing threads for %s", (unsigned long)_options.indexThreads, _dir.c_str());

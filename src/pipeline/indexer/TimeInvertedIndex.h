@@ -81,6 +81,13 @@ class TimeInvertedIndex {
   // table rewrite; syncs do nothing). Throws DbException "Unable to open
   // SearchThing with dirname = <dir>" when the directory can't be read.
   void openReadOnly();
+  // Gives every engine handle that writes slices of this directory (the
+  // index's own and those of the indexing threads) the function to call
+  // before a slice is written: the raw data journal's flush, so that a slice
+  // never names an address its file does not hold. False if some handle
+  // cannot take it (a forked engine writes in another process); the caller
+  // must then not buffer. REQUIRES: open for writing, nothing indexed yet.
+  bool setBeforeSliceWrite(int (*fn)(void* ctx), void* ctx);
   bool isOpen();
   const Pathname& getPath() const { return _dir; }
 
