@@ -5,6 +5,8 @@
 # Each step is a function, so later steps (indexing, searching) can be added
 # after generate_samples.
 set -euo pipefail
+# With pipefail a writer cut off by an early reader (head) fails the demo
+# through SIGPIPE: pipelines here read to the end (sed -n 1,Np) instead.
 
 BUILD=${1:-build}
 HOME_DIR=${2:-$PWD/demo-home}
@@ -157,14 +159,14 @@ query_demo() {
   q='SEARCH error NOT debug GET events::0-9 OUTPUT velmorui::2.2'
   echo "== Inner query: velmor-index query '$q'"
   doc=$("$tool" query "$q")
-  printf '%s\n' "$doc" | head -c 1500 | sed 's/^/   /'
+  printf '%s\n' "${doc:0:1500}" | sed 's/^/   /'
   echo
   echo "   ... ($(printf '%s\n' "$doc" | grep -c '<r ' || true) events in the document)"
   echo "== Counts of inner queries against grep"
   local count
   count() {
     "$tool" query "SEARCH $1 maxresults::1000000 GET events::0-0 OUTPUT velmorui::2.2" |
-      sed -n 's/.*<results type="events" c="[0-9]*" tc="\([0-9]*\)".*/\1/p' | head -n 1
+      sed -n 's/.*<results type="events" c="[0-9]*" tc="\([0-9]*\)".*/\1/p' | sed -n 1p
   }
   # shellcheck disable=SC2086
   printf '   %-32s index: %7s   grep: %7s\n' "error NOT debug" "$(count 'error NOT debug')" \
@@ -211,7 +213,7 @@ search_demo() {
   # The first lines of the raw texts of the first three events of the last
   # search.
   first_three() {
-    sed -n "/^<field k='_raw'>/{s|^<field k='_raw'><v xml:space='preserve'>||;s|</v></field>\$||;p}" "$out" | head -n 3 |
+    sed -n "/^<field k='_raw'>/{s|^<field k='_raw'><v xml:space='preserve'>||;s|</v></field>\$||;p}" "$out" | sed -n 1,3p |
       sed -e 's/&lt;/</g' -e 's/&gt;/>/g' -e 's/&amp;/\&/g' | cut -c1-150 | sed 's/^/     /'
   }
   echo "== Searching the demo index with velmor-search"
@@ -265,7 +267,7 @@ search_csv_demo() {
   head -n 4 "$out" | cut -c1-150 | sed 's/^/     /'
   echo "   rows printed by velmor-search (the _xml of outputcsv):"
   grep -v -e '^INFO - ' -e '^DEBUG - ' -e '^WARN - ' -e '^Using logging configuration' -e '^$' \
-    "$VELMOR_HOME/var/run/velmor/top_errors.out" | head -n 14 | cut -c1-150 | sed 's/^/     /'
+    "$VELMOR_HOME/var/run/velmor/top_errors.out" | sed -n 1,14p | cut -c1-150 | sed 's/^/     /'
   rm -f "$VELMOR_HOME/var/run/velmor/top_errors.out"
 }
 
