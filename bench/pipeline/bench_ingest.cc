@@ -159,7 +159,7 @@ void BM_DiskPerRawByte(benchmark::State& state) {
 }
 BENCHMARK(BM_DiskPerRawByte)->Iterations(1)->Unit(benchmark::kSecond);
 
-// Bytes of each part of the slices in a directory, from their headers.
+// Bytes of each part of the slices in a directory (st_warm_slice_sections).
 struct SliceParts {
   double values = 0, attrs = 0, termFixed = 0, lexicons = 0, postings = 0;
   double events = 0, terms = 0, postingCount = 0;
@@ -170,31 +170,17 @@ SliceParts sliceParts(const Pathname& dir) {
   std::vector<Str> names;
   if (!dir.readDirectory(names)) return s;
   for (const Str& n : names) {
-    if (!n.endswith(".tsidx")) continue;
-    Pathname f = dir / n;
-    FILE* in = fopen(f.c_str(), "rb");
-    if (!in) continue;
-    unsigned char hdr[64];
-    st_warm_layout lay;
-    struct stat st;
-    if (fread(hdr, 1, sizeof hdr, in) == sizeof hdr && st_warm_slice_layout(hdr, &lay) == 0 &&
-        fstat(fileno(in), &st) == 0) {
-      unsigned char last[8] = {0};
-      if (lay.num_terms && fseek(in, long(lay.pl_offsets_off + 8 * (uint64_t(lay.num_terms) - 1)), SEEK_SET) == 0 &&
-          fread(last, 1, 8, in) != 8)
-        memset(last, 0, sizeof last);
-      uint64_t postings = 0;
-      for (unsigned char b : last) postings = postings << 8 | b;
-      s.values += 8.0 * lay.num_values;
-      s.attrs += double(lay.pl_offsets_off - lay.values_off) - 8.0 * lay.num_values;
-      s.termFixed += double(lay.flex_off - lay.pl_offsets_off);
-      s.postings += double(postings);
-      s.lexicons += double(uint64_t(st.st_size) - lay.flex_off - postings);
-      s.events += lay.num_values;
-      s.terms += lay.num_terms;
-      s.postingCount += lay.num_postings;
-    }
-    fclose(in);
+    st_slice_sections sec;
+    if (!n.endswith(".tsidx") || st_warm_slice_sections((dir / n).c_str(), &sec) != 0) continue;
+    s.values += double(sec.bytes[ST_SECTION_VALUES]);
+    s.attrs += double(sec.bytes[ST_SECTION_ATTRS]);
+    s.termFixed += double(sec.bytes[ST_SECTION_PL_OFFSETS] + sec.bytes[ST_SECTION_METADATA] +
+                          sec.bytes[ST_SECTION_RF_MAP]);
+    s.lexicons += double(sec.bytes[ST_SECTION_FLEX] + sec.bytes[ST_SECTION_RLEX]);
+    s.postings += double(sec.bytes[ST_SECTION_POSTINGS]);
+    s.events += sec.num_values;
+    s.terms += sec.num_terms;
+    s.postingCount += sec.num_postings;
   }
   return s;
 }

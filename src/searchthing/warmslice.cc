@@ -451,3 +451,44 @@ int st_warm_slice_delete(st_warm_slice* ws, const char* term, int32_t start, int
   free(r);
   return marked;
 }
+
+int st_warm_slice_sections(const char* path, st_slice_sections* out) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  int rc = -1;
+  unsigned char hdr[64];
+  unsigned char last[8] = {0};
+  st_warm_layout lay;
+  struct stat st;
+  errno = 0;
+  if (fstat(fd, &st) == 0 && pread(fd, hdr, sizeof hdr, 0) == (ssize_t)sizeof hdr &&
+      st_warm_slice_layout(hdr, &lay) == 0) {
+    const uint64_t size = (uint64_t)st.st_size;
+    // The postings end where the last term's list ends.
+    const unsigned width = lay.offsets_64 ? 8 : 4;
+    uint64_t postings = 0;
+    if (lay.num_terms &&
+        pread(fd, last, width, (off_t)(lay.pl_offsets_off + width * ((uint64_t)lay.num_terms - 1))) == (ssize_t)width)
+      postings = width == 8 ? st_get_be64(last) : st_get_be32(last);
+    const uint64_t flex_size = st_fclex_size_fd(fd, lay.flex_off);
+    const uint64_t rlex_off = lay.flex_off + ((flex_size + 3) & ~(uint64_t)3);
+    if (lay.pl_offsets_off <= lay.flex_off && rlex_off <= size && postings <= size - rlex_off) {
+      out->num_values = lay.num_values;
+      out->num_terms = lay.num_terms;
+      out->num_postings = lay.num_postings;
+      out->bytes[ST_SECTION_ATTRS] = lay.pl_offsets_off - lay.values_off - 8 * (uint64_t)lay.num_values;
+      out->bytes[ST_SECTION_PL_OFFSETS] = lay.metadata_off - lay.pl_offsets_off;
+      out->bytes[ST_SECTION_METADATA] = lay.rf_map_off - lay.metadata_off;
+      out->bytes[ST_SECTION_RF_MAP] = lay.flex_off - lay.rf_map_off;
+      out->bytes[ST_SECTION_FLEX] = rlex_off - lay.flex_off;
+      out->bytes[ST_SECTION_RLEX] = size - rlex_off - postings;
+      out->bytes[ST_SECTION_POSTINGS] = postings;
+      out->bytes[ST_SECTION_VALUES] = lay.values_off + 8 * (uint64_t)lay.num_values;
+      rc = 0;
+    }
+  }
+  int saved = errno ? errno : EINVAL;
+  close(fd);
+  errno = saved;
+  return rc;
+}

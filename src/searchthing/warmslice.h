@@ -89,6 +89,29 @@ typedef struct st_pl_reader {
 // or sizes that overflow.
 int st_warm_slice_layout(const unsigned char* header, st_warm_layout* out);
 
+// What a slice file spends its bytes on, section by section, in file order;
+// alignment padding goes with the section before it, and the header with
+// the values, so that the sections add up to the file size.
+enum {
+  ST_SECTION_VALUES,        // time and address, 8 bytes a value
+  ST_SECTION_ATTRS,         // event type, source, source type, host, deletion bits
+  ST_SECTION_PL_OFFSETS,    // 8 bytes a term (4 in the oldest format)
+  ST_SECTION_METADATA,      // 12 bytes a term
+  ST_SECTION_RF_MAP,        // 4 bytes a term
+  ST_SECTION_FLEX,          // forward lexicon
+  ST_SECTION_RLEX,          // reversed lexicon
+  ST_SECTION_POSTINGS,
+  ST_NUM_SECTIONS
+};
+typedef struct st_slice_sections {
+  uint32_t num_values, num_terms, num_postings;  // num_postings: the header's statistic
+  uint64_t bytes[ST_NUM_SECTIONS];
+} st_slice_sections;
+// Reads the header, the last posting list offset and the forward lexicon's
+// size of the slice at path (nothing else). 0, or -1 with errno (EINVAL for
+// a file that is not a whole slice).
+int st_warm_slice_sections(const char* path, st_slice_sections* out);
+
 // Writes the prepared hot slice as a file named by st_warm_slice_filename
 // (name copied to fname), built in a mapping of the file itself; returns a
 // handle on the written file.

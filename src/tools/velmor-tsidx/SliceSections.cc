@@ -1,15 +1,10 @@
 #include "SliceSections.h"
 
 #include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "searchthing/fclex.h"
 #include "searchthing/warmslice.h"
 
 const char* const SliceSections::kNames[kCount] = {
@@ -29,64 +24,14 @@ void SliceSections::add(const SliceSections& o) {
   for (int i = 0; i < kCount; ++i) bytes[i] += o.bytes[i];
 }
 
-namespace {
-
-uint64_t be64(const unsigned char* p) {
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) v = v << 8 | p[i];
-  return v;
-}
-
-bool preadAll(int fd, void* buf, size_t n, uint64_t off) {
-  return pread(fd, buf, n, off_t(off)) == ssize_t(n);
-}
-
-}  // namespace
-
 bool readSliceSections(const std::string& path, SliceSections& out) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = false;
-  unsigned char hdr[64];
-  st_warm_layout lay;
-  struct stat st;
-  if (fstat(fd, &st) == 0 && preadAll(fd, hdr, sizeof hdr, 0) && st_warm_slice_layout(hdr, &lay) == 0) {
-    const uint64_t size = uint64_t(st.st_size);
-    // The postings end where the last term's list ends (32-bit offsets in
-    // the oldest format).
-    unsigned char last[8] = {};
-    const unsigned width = lay.offsets_64 ? 8 : 4;
-    uint64_t postings = 0;
-    if (lay.num_terms && preadAll(fd, last, width, lay.pl_offsets_off + width * (uint64_t(lay.num_terms) - 1)))
-      postings = width == 8 ? be64(last) : be64(last) >> 32;
-    const uint64_t flexSize = st_fclex_size_fd(fd, lay.flex_off);
-    const uint64_t rlexOff = lay.flex_off + ((flexSize + 3) & ~uint64_t(3));
-    if (lay.flex_off <= size && rlexOff <= size && postings <= size - rlexOff) {
-      out.values = lay.num_values;
-      out.terms = lay.num_terms;
-      out.postings = lay.num_postings;
-      out.bytes[1] = lay.pl_offsets_off - lay.values_off - 8 * uint64_t(lay.num_values);
-      out.bytes[2] = lay.metadata_off - lay.pl_offsets_off;
-      out.bytes[3] = lay.rf_map_off - lay.metadata_off;
-      out.bytes[4] = lay.flex_off - lay.rf_map_off;
-      out.bytes[5] = rlexOff - lay.flex_off;
-      out.bytes[6] = size - rlexOff - postings;
-      out.bytes[7] = postings;
-      // The header and the gap before the first attribute array go with
-      // the values.
-      out.bytes[0] = size - (out.bytes[1] + out.bytes[2] + out.bytes[3] + out.bytes[4] + out.bytes[5] +
-                             out.bytes[6] + out.bytes[7]);
-      ok = true;
-    } else {
-      errno = EINVAL;
-    }
-  } else if (errno == 0) {
-    errno = EINVAL;
-  }
-  int saved = errno;
-  close(fd);
-  errno = saved;
-  return ok;
+  st_slice_sections s;
+  if (st_warm_slice_sections(path.c_str(), &s) != 0) return false;
+  out.values = s.num_values;
+  out.terms = s.num_terms;
+  out.postings = s.num_postings;
+  for (int i = 0; i < SliceSections::kCount; ++i) out.bytes[i] = s.bytes[i];
+  return true;
 }
 
 bool readDirectorySections(const std::string& dir, std::vector<SliceSections>& out, int* skipped) {

@@ -16,8 +16,11 @@
 #include <string>
 #include <vector>
 
+#include "searchthing/warmslice.h"
+
+// One slice (or a sum of them) by section; st_warm_slice_sections reads it.
 struct SliceSections {
-  static constexpr int kCount = 8;
+  static constexpr int kCount = ST_NUM_SECTIONS;
   static const char* const kNames[kCount];
 
   std::string name;  // file name within the directory ("" for a total)
@@ -28,8 +31,8 @@ struct SliceSections {
   void add(const SliceSections& o);
 };
 
-// Reads the sections of one slice file. False (errno set) when it will not
-// open or its header is not a slice's.
+// Reads the sections of one slice file (st_warm_slice_sections). False
+// (errno set) when it will not open or is not a whole slice.
 bool readSliceSections(const std::string& path, SliceSections& out);
 
 // Every "*.tsidx" of dir, sorted by name. False (errno set) when dir cannot
