@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/indexer/GenericCleaner.h"
 #include "pipeline/indexer/ICleanCallback.h"
 #include "util/Str.h"
 
@@ -37,6 +38,22 @@ class QSMSetAcceptor : public ICleanCallback {
     for (const auto& sp : s)
       if (out.empty() || sp.second > out.back().second) out.push_back(sp);
     return out;
+  }
+
+  // The distinct words of a lowercased search token as the index holds
+  // them: its outer segments, cut by cleaner. A star joins the word it
+  // touches (a wildcard of that word), and a word of stars alone is none.
+  static std::vector<Str> searchWords(const GenericCleaner& cleaner, const Str& lower) {
+    Str probe = lower;
+    std::replace(probe.begin(), probe.end(), '*', 'x');
+    QSMSetAcceptor acceptor;
+    cleaner.tokenize(StrSegment(probe), acceptor);
+    std::set<Str> distinct;
+    for (const auto& [from, to] : acceptor.outerSpans()) {
+      Str w = lower.substr(from, to - from);
+      if (w.find_first_not_of('*') != Str::npos) distinct.insert(w);
+    }
+    return std::vector<Str>(distinct.begin(), distinct.end());
   }
 
  private:

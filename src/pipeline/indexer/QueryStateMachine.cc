@@ -153,20 +153,8 @@ void QueryStateMachine::accept(const Str& token) {
 void QueryStateMachine::acceptTerm(const Str& token) {
   const Str lower = lowercase(token);
   std::vector<Str> words;
-  if (lower[0] != '+' && lower.find("::") == Str::npos) {
-    // Words are cut as events were; a star joins the word it touches (it is
-    // a wildcard of that word), so the segmenter sees it as a letter.
-    Str probe = lower;
-    std::replace(probe.begin(), probe.end(), '*', 'x');
-    QSMSetAcceptor acceptor;
-    searchCleaner()->tokenize(StrSegment(probe), acceptor);
-    std::set<Str> distinct;
-    for (const auto& [from, to] : acceptor.outerSpans()) {
-      Str w = lower.substr(from, to - from);
-      if (w.find_first_not_of('*') != Str::npos) distinct.insert(w);
-    }
-    words.assign(distinct.begin(), distinct.end());
-  }
+  // Words are cut as events were.
+  if (lower[0] != '+' && lower.find("::") == Str::npos) words = QSMSetAcceptor::searchWords(*searchCleaner(), lower);
   if (words.size() < 2) {
     if (token == "+")
       throw QueryParseException("+ is not a valid search term. If you want to search for \"+\" you can use ++");

@@ -290,15 +290,14 @@ int IndexTool::search() {
   const GenericCleaner* cleaner = _policy->cleanerByName("search");
   std::vector<Str> terms, phrases;
   for (const Str& t : _args.terms) {
-    Str lower = t;
-    for (char& c : lower) c = char(std::tolower((unsigned char)c));
-    QSMSetAcceptor words;
-    if (cleaner && lower.find("::") == Str::npos) cleaner->tokenize(StrSegment(lower), words);
-    if (words.words().size() <= 1 && (words.words().empty() || *words.words().begin() == lower)) {
-      terms.push_back(lower);
+    Str lower = lowercase(t);
+    std::vector<Str> words;
+    if (cleaner && lower.find("::") == Str::npos) words = QSMSetAcceptor::searchWords(*cleaner, lower);
+    if (words.size() <= 1) {
+      terms.push_back(words.empty() ? lower : words[0]);
       continue;
     }
-    terms.insert(terms.end(), words.words().begin(), words.words().end());
+    terms.insert(terms.end(), words.begin(), words.end());
     phrases.push_back(lower);
   }
   // Without phrases one query answers; with them, candidates come in rounds
