@@ -5,15 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "QueryModuleTestIndex.h"
+#include "../../search/SearchTestUtil.h"
 #include "libbundle/PropertyPages.h"
-#include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/GetEvents.h"
 #include "pipeline/indexer/GetHosts.h"
 #include "pipeline/indexer/OutputVelmorUI21.h"
@@ -163,42 +160,14 @@ struct SegmentRow {
 
 // Segments come from the index's segmenter (majors: blanks, brackets, "&";
 // minors: "/", ".", ...; runs of pieces are terms too). "b" is a search term.
-// A home whose segmenters.conf gives [default] the minor breakers "." and
-// "/", so that segments nest; it goes, with the configuration, at the end.
-class MinorBreakerHome {
- public:
-  MinorBreakerHome() {
-    char tmpl[] = "/tmp/velmor-ui-home-XXXXXX";
-    if (!mkdtemp(tmpl)) abort();
-    _path = Pathname(tmpl);
-    (_path / "etc/bundles/default").mkdir_p();
-    FILE* f = fopen((_path / "etc/bundles/default/segmenters.conf").c_str(), "w");
-    if (!f) abort();
-    fputs("[default]\nMAJOR = \\s \\n < >\nMINOR = . /\nINTERMEDIATE_MAJORS = true\n", f);
-    fclose(f);
-    const char* old = getenv("VELMOR_HOME");
-    if (old) _old = old;
-    setenv("VELMOR_HOME", _path.c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-    PropertyPages::instance("segmenters").updateConfigs();
-  }
-  ~MinorBreakerHome() {
-    _path.removeRecursive();
-    if (_old.empty())
-      unsetenv("VELMOR_HOME");
-    else
-      setenv("VELMOR_HOME", _old.c_str(), 1);
-    LoaderInfo::getInstance().populateFromEnvironment();
-    PropertyPages::instance("segmenters").updateConfigs();
-  }
-
- private:
-  Pathname _path;
-  Str _old;
-};
-
 TEST_F(OutputVelmorUITest, SegmentFormsAndMaxLines) {
-  MinorBreakerHome home;
+  // A segmenter with the minor breakers "." and "/", so that segments nest;
+  // the configuration of the tests after this one is reloaded without it.
+  struct ReloadAfter {
+    ~ReloadAfter() { PropertyPages::instance("segmenters").updateConfigs(); }
+  } reload;
+  searchtest::ScratchHome home;
+  home.writeConf("segmenters", "[default]\nMAJOR = \\s \\n < >\nMINOR = . /\nINTERMEDIATE_MAJORS = true\n");
   const SegmentRow rows[] = {
       {"raw", "a.b c<d>", nullptr, "a.b c&lt;d&gt;"},
       {"outer", "a.b c", nullptr, "<sg c=\"1\">a.b</sg> <sg c=\"1\">c</sg>"},
