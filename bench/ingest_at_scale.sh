@@ -100,6 +100,17 @@ addTimes() {
   CPU=$(calc 'a + u + s' a="$CPU" u="$u" s="$s")
 }
 
+# Runs one command under /usr/bin/time: WALL and CPU become its own, and
+# its exit status is returned.
+timeOne() {
+  local rc=0
+  /usr/bin/time -f '%e %U %S' -o "$TIMES" "$@" || rc=$?
+  WALL=0
+  CPU=0
+  addTimes
+  return "$rc"
+}
+
 dub() { du -sb "$1" | cut -f1; }
 
 echo "== Making $MB MB of sample logs"
@@ -156,15 +167,12 @@ ADD_DISK=$(dub "$HOMEPATH")
 MERGES=$(grep -c 'velmor-index: merging the slices of ' "$WORK/add.err" || true)
 
 echo "== velmor-index roll"
-if ! /usr/bin/time -f '%e %U %S' -o "$TIMES" "$VI" roll ingest 2> "$WORK/roll.err"; then
+if ! timeOne "$VI" roll ingest 2> "$WORK/roll.err"; then
   cat "$WORK/roll.err" >&2
   echo "ingest_at_scale: velmor-index roll failed" >&2
   exit 1
 fi
 sed 's/^/   /' "$WORK/roll.err"
-WALL=0
-CPU=0
-addTimes
 ROLL_WALL=$WALL
 ROLL_CPU=$CPU
 DISK=$(dub "$HOMEPATH")
@@ -178,20 +186,14 @@ CREATE VIRTUAL TABLE lines USING fts5(line);
 .separator "\\037" "\\n"
 .import $PLAIN lines
 EOF
-/usr/bin/time -f '%e %U %S' -o "$TIMES" sqlite3 "$FTS" < "$WORK/fts.sql"
-WALL=0
-CPU=0
-addTimes
+timeOne sqlite3 "$FTS" < "$WORK/fts.sql"
 FTS_WALL=$WALL
 FTS_CPU=$CPU
 FTS_DISK=$(stat -c %s "$FTS")
 echo "   $(sqlite3 "$FTS" 'SELECT count(*) FROM lines') rows"
 
 echo "== gzip -6 -c"
-/usr/bin/time -f '%e %U %S' -o "$TIMES" gzip -6 -c "$PLAIN" > "$PLAIN.gz"
-WALL=0
-CPU=0
-addTimes
+timeOne gzip -6 -c "$PLAIN" > "$PLAIN.gz"
 GZ_WALL=$WALL
 GZ_CPU=$CPU
 GZ_DISK=$(stat -c %s "$PLAIN.gz")
