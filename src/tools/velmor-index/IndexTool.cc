@@ -23,6 +23,7 @@
 #include "pipeline/indexer/ScopedPolicyLock.h"
 #include "tools/velmor-index/LeadingTime.h"
 #include "tools/velmor-index/SourceTypeName.h"
+#include "util/WildcardMatcher.h"
 #include "util/ReadWriteLock.h"
 
 namespace {
@@ -288,7 +289,8 @@ int IndexTool::search() {
   // "action=delete") must also stand in the event's text, case aside.
   // key::value terms go to the index as they are.
   const GenericCleaner* cleaner = _policy->cleanerByName("search");
-  std::vector<Str> terms, phrases;
+  std::vector<Str> terms;
+  std::vector<WildcardMatcher> phrases;  // "*<argument>*", as the query language filters phrases
   for (const Str& t : _args.terms) {
     Str lower = lowercase(t);
     std::vector<Str> words;
@@ -298,7 +300,7 @@ int IndexTool::search() {
       continue;
     }
     terms.insert(terms.end(), words.begin(), words.end());
-    phrases.push_back(lower);
+    phrases.emplace_back(StrSegment(Str("*" + lower + "*")));
   }
   // Without phrases one query answers; with them, candidates come in rounds
   // (newest first) until --count events hold the phrases or none are left.
@@ -319,7 +321,8 @@ int IndexTool::search() {
   return status;
 }
 
-bool IndexTool::printEvents(const std::vector<ValueWrapper>& values, const std::vector<Str>& phrases, size_t wanted,
+bool IndexTool::printEvents(const std::vector<ValueWrapper>& values, const std::vector<WildcardMatcher>& phrases,
+                            size_t wanted,
                             size_t& printed, Str& lowerRaw) {
   // Events are read in chunks, each in address order within its bucket, so
   // that compressed raw files are read forwards; they are printed newest
@@ -360,7 +363,7 @@ bool IndexTool::printEvents(const std::vector<ValueWrapper>& values, const std::
         lowerRaw.assign(raw.data(), raw.size());
         for (char& c : lowerRaw) c = char(std::tolower((unsigned char)c));
         bool all = true;
-        for (const Str& p : phrases) all = all && lowerRaw.find(p) != Str::npos;
+        for (const WildcardMatcher& p : phrases) all = all && p.isMatch(StrSegment(lowerRaw));
         if (!all) continue;
       }
       ++printed;

@@ -35,6 +35,7 @@
 #include "pipeline/indexer/PolicyParameters.h"
 #include "pipeline/indexer/ValueWrapper.h"
 #include "util/Str.h"
+#include "util/WildcardMatcher.h"
 #include "tools/velmor-index/IndexToolArgs.h"
 
 class DatabasePartitionPolicy;
@@ -54,11 +55,11 @@ class IndexTool {
   int addFile(const Str& file, const Str& sourceType, GenericCleaner* cleaner, uint64_t& totalAdded);
   void syncAndMaybeRoll();
   int search();
-  // Prints the events of values (newest first) whose lowercased text holds
-  // every phrase, until `printed` reaches `wanted`; false if any could not
+  // Prints the events of values (newest first) whose lowercased text every
+  // phrase matches, until `printed` reaches `wanted`; false if any could not
   // be read (reported).
-  bool printEvents(const std::vector<ValueWrapper>& values, const std::vector<Str>& phrases, size_t wanted,
-                   size_t& printed, Str& lowerRaw);
+  bool printEvents(const std::vector<ValueWrapper>& values, const std::vector<WildcardMatcher>& phrases,
+                   size_t wanted, size_t& printed, Str& lowerRaw);
   int roll();
   int info();
   int query();

@@ -191,6 +191,7 @@ TEST_F(IndexToolTest, StringsOfSeveralWordsAreFoundInsideLongerOnes) {
       // string but not the word 2.
       {{"0.0.2"}, {4, 2, 1}},
       {{"10.0.0"}, {3, 2, 1}},
+      {{"10.0.*.2"}, {2, 1}},  // a star in a string is a wildcard, as in a search
       {{"/var/log/syslog.1"}, {6}},
       {{"log/SYSLOG"}, {6}},
       {{"10.0.0.2", "dst=10.9.9.9"}, {2}},
