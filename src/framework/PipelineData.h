@@ -1,46 +1,184 @@
 // PipelineData: one record of the ingestion pipeline, and one event as the
-// query engine hands it back: a map of keys to shared string values. The
-// well-known keys name the raw text, the time, the host, source, source
-// type, index and the stored meta text; any other key is a field.
+// query engine hands it back: a map of keys to shared string values.
 //
-// Values are shared: copying a record copies pointers, not text.
+// On the ingestion side the well-known keys below carry the raw text, the
+// time, the prefixed host, source and source type ("host::web1"), the target
+// index, the stanza path for layered settings and the markers of a stream
+// (`_done`, `_shutdown`). On the read side an event carries its host, source
+// and source type under the plain field names ("host", "source",
+// "sourcetype") and its address under "_cd"; any other key is a field.
+//
+// Keys and values are shared strings: copying a record copies pointers, not
+// text, and a put of a well-known key reuses one process-wide key string, so
+// a record of the usual keys costs no key allocation. The map hashes keys by
+// djb2 over their text and compares them by text. The flag `_isTokenized` is
+// held beside the map, never in it.
+//
+// Serialised form (serialize / ressurrect), native byte order:
+//
+//   OFFSET  SIZE  MEANING
+//   0       4     pair count N (uint32), `_isTokenized` counted as a pair
+//   4       ...   N times: key length (uint32), key bytes,
+//                          value length (uint32), value bytes
 //
 // Ownership: held by shared pointer. Threads: one thread at a time per
 // record; distinct records may be used by any threads.
 #pragma once
 
+#include <cstdint>
+#include <cstdio>
 #include <memory>
+#include <stdexcept>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "util/Exceptions.h"
 #include "util/Str.h"
+
+class PropertiesMap;
+
+// The callback of PipelineData::iterate.
+class PipelineDataKeyValueAcceptor {
+ public:
+  virtual ~PipelineDataKeyValueAcceptor() = default;
+  virtual void accept(const Str& key, const Str& value) = 0;
+};
 
 class PipelineData {
  public:
-  static const Str rawKey;         // "_raw"
-  static const Str timeKey;        // "_time"
-  static const Str hostKey;        // "host"
-  static const Str sourceKey;      // "source"
-  static const Str sourceTypeKey;  // "sourcetype"
-  static const Str indexKey;       // "_MetaData:Index"
-  static const Str metaKey;        // "_meta"
-  static const Str cdKey;          // "_cd": "<bucket id>:<address>" of an event read back
+  using SharedStr = std::shared_ptr<const Str>;
+
+  // --- keys of an ingestion record ---------------------------------------------------
+  static const Str rawKey;             // "_raw": the text of the event or chunk
+  static const Str confKey;            // "_conf": stanza path for fillLayers (defaultConf)
+  static const Str doneKey;            // "_done": end of this source's data
+  static const Str hostKey;            // "MetaData:Host": "host::" and the host
+  static const Str metaKey;            // "_meta": blank-separated index terms
+  static const Str pathKey;            // "_path": file path of the source
+  static const Str timeKey;            // "_time": Unix time as decimal text
+  static const Str typeKey;            // "MetaData:FinalType": resolved source type
+  static const Str indexKey;           // "_MetaData:Index": target index
+  static const Str inputKey;           // "_MetaData:Input": input name
+  static const Str queueKey;           // "queue": queue to route to
+  static const Str sourceKey;          // "MetaData:Source": "source::" and the source
+  static const Str channelKey;         // "_channel": stream identity
+  static const Str sourceTypeKey;      // "MetaData:Sourcetype": "sourcetype::" and the type
+  static const Str indexTermsKey;      // "_MetaData:IndexTerms": extra index terms
+  static const Str reportingHostKey;   // "ReportingHost": "reportinghost::" and the host
+  static const Str hostRegexKey;       // "host_regex"
+  static const Str hostSegmentKey;     // "host_segment"
+  static const Str processedKey;       // "_processed"
+  static const Str followTailKey;      // "followTail"
+  static const Str shutdownKey;        // "_shutdown": a shutdown marker in the stream
+  static const Str signatureKey;       // "_sig"
+  static const Str seekAddrKey;        // "seekaddr": file offset of the record
+  static const Str blockSignatureKey;  // "blockSignature"
+  static const Str signedSourceKey;    // "signedSource"
+  static const Str isTokenizedKey;     // "_isTokenized": routed to the flag
+
+  // --- fields of an event read back ----------------------------------------------------
+  static const Str hostField;          // "host"
+  static const Str sourceField;        // "source"
+  static const Str sourceTypeField;    // "sourcetype"
+  static const Str cdKey;              // "_cd": "<bucket id>:<address>"
+
+  struct KeyHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const {
+      size_t h = 5381;  // djb2
+      for (unsigned char c : s) h = h * 33 + c;
+      return h;
+    }
+    size_t operator()(const SharedStr& s) const { return (*this)(std::string_view(*s)); }
+  };
+  struct KeyEq {
+    using is_transparent = void;
+    static std::string_view v(std::string_view s) { return s; }
+    static std::string_view v(const SharedStr& s) { return *s; }
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const { return v(a) == v(b); }
+  };
+  using Map = std::unordered_map<SharedStr, SharedStr, KeyHash, KeyEq>;
+  using const_iterator = Map::const_iterator;
 
   PipelineData() = default;
 
+  // The value of key; throws KeyNotFoundException ("This key could not be
+  // found : <key>") when absent.
+  SharedStr get(std::string_view key) const;
   // The value of key, or null.
-  std::shared_ptr<const Str> get(const Str& key) const;
+  SharedStr getIfAvail(std::string_view key) const;
+  const char* getIfAvailCStr(std::string_view key) const;
   // The value of key, or an empty text.
-  const Str& getStr(const Str& key) const;
-  bool has(const Str& key) const { return _map.count(key) != 0; }
-  void put(const Str& key, const Str& value) { _map[key] = std::make_shared<const Str>(value); }
-  void put(const Str& key, std::shared_ptr<const Str> value) { _map[key] = std::move(value); }
-  void remove(const Str& key) { _map.erase(key); }
+  const Str& getStr(std::string_view key) const;
+
+  bool contains(std::string_view key) const;
+  bool has(std::string_view key) const { return contains(key); }
+  void put(std::string_view key, const Str& value) { put(key, std::make_shared<const Str>(value)); }
+  void put(std::string_view key, Str&& value) { put(key, std::make_shared<const Str>(std::move(value))); }
+  void put(std::string_view key, const char* value) { put(key, std::make_shared<const Str>(value)); }
+  void put(std::string_view key, SharedStr value);
+  // Adds a blank and `text` to an existing value, or puts `text`.
+  void append(std::string_view key, const Str& text);
+  void remove(std::string_view key);
+  void clear();
+
   size_t size() const { return _map.size(); }
+  const_iterator begin() const { return _map.begin(); }
+  const_iterator end() const { return _map.end(); }
+  const Map& map() const { return _map; }
   // Keys in no particular order.
   std::vector<Str> keys() const;
-  const std::unordered_map<Str, std::shared_ptr<const Str>>& map() const { return _map; }
+
+  bool isTokenized() const { return _isTokenized; }
+  void setTokenized(bool v) { _isTokenized = v; }
+
+  // Every pair, `_isTokenized` as "1" when set.
+  void iterate(PipelineDataKeyValueAcceptor& acceptor) const;
+  // Leaves out keys that begin with "_" (and so the flag).
+  void iterateWithoutInternal(PipelineDataKeyValueAcceptor& acceptor) const;
+
+  // Bytes of the values, and of the keys too when includeKeys.
+  size_t sizeInBytes(bool includeKeys) const;
+  // "[%s] = %s\n" per pair in key order, then "(is tokenized)\n" when set.
+  Str toString() const;
+  void fwrite(FILE* f) const;
+
+  // deep: the values are copied; otherwise shared.
+  std::shared_ptr<PipelineData> clone(bool deep) const;
+  // Puts every pair of other (replacing); the flag is or-ed in.
+  void mergeFrom(const PipelineData& other);
+
+  // Appends the serialised form (see the table above) to out.
+  void serialize(Str& out) const;
+  // Replaces the contents from a serialised form of exactly n bytes; false
+  // (contents unspecified) when it is short, long or malformed.
+  bool ressurrect(const char* data, size_t n);
+
+  // `_time` as "%lu".
+  void setTimeKey(unsigned long seconds);
+
+  // source "|" host "|" source type "|" channel, each the prefixed value.
+  void defaultConf(Str& out) const;
+  // `_conf`, built and stored when absent or when rebuild is true.
+  const Str& defaultConf(bool rebuild);
+
+  // The keys of an input's stanza with non-empty values: source, sourcetype,
+  // host and reportinghost (any case) with their prefixes, index to
+  // indexKey, `_isTokenized` to the flag, `_raw` not copied, others under
+  // their own names; then defaultConf(true).
+  void load(const PropertiesMap& stanza);
+  // The same, with the stanza's name recorded under inputKey.
+  void load(const PropertiesMap& stanza, const Str& stanzaName);
+
+  // Appends " timestamp::none" to `_meta`.
+  void addMetaNoTimestamp();
 
  private:
-  std::unordered_map<Str, std::shared_ptr<const Str>> _map;
+  static SharedStr internKey(std::string_view key);
+  bool checkPutSpecial(std::string_view key, const SharedStr& value);
+
+  Map _map;
+  bool _isTokenized = false;
 };

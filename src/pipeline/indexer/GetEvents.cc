@@ -88,9 +88,9 @@ void GetEvents::runModule() {
     if (ok[k]) {
       DataWrapper& d = data[k];
       e->put(PipelineData::rawKey, std::make_shared<const Str>(std::move(d.raw)));
-      e->put(PipelineData::hostKey, std::make_shared<const Str>(std::move(d.host)));
-      e->put(PipelineData::sourceKey, std::make_shared<const Str>(std::move(d.source)));
-      e->put(PipelineData::sourceTypeKey, std::make_shared<const Str>(std::move(d.sourceType)));
+      e->put(PipelineData::hostField, std::make_shared<const Str>(std::move(d.host)));
+      e->put(PipelineData::sourceField, std::make_shared<const Str>(std::move(d.source)));
+      e->put(PipelineData::sourceTypeField, std::make_shared<const Str>(std::move(d.sourceType)));
       e->put(PipelineData::metaKey, std::make_shared<const Str>(std::move(d.meta)));
       if (d.time != v.time) e->put(PipelineData::timeKey, ToString(long(d.time)));
     }
@@ -106,9 +106,9 @@ void GetEvents::summarize(IPartitionPolicy& policy, const std::vector<std::share
     const Str& key;
     std::vector<WordPositionData> (IPartitionPolicy::*table)();
   };
-  const Kind kinds[] = {{"hosts", PipelineData::hostKey, &IPartitionPolicy::getHosts},
-                        {"sources", PipelineData::sourceKey, &IPartitionPolicy::getSources},
-                        {"sourcetypes", PipelineData::sourceTypeKey, &IPartitionPolicy::getSourceTypes}};
+  const Kind kinds[] = {{"hosts", PipelineData::hostField, &IPartitionPolicy::getHosts},
+                        {"sources", PipelineData::sourceField, &IPartitionPolicy::getSources},
+                        {"sourcetypes", PipelineData::sourceTypeField, &IPartitionPolicy::getSourceTypes}};
   for (const Kind& k : kinds) {
     std::vector<WordPositionData> rows = countWords(events, k.key, (policy.*k.table)());
     sortForDisplay(rows);

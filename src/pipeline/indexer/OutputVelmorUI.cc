@@ -264,9 +264,9 @@ void OutputVelmorUI::dumpEventMetaData(const PipelineData& event) {
     const char* key;
     const Str& value;
   };
-  const Field fields[] = {{kClassHost, "host", event.getStr(PipelineData::hostKey)},
-                          {kClassSource, "source", event.getStr(PipelineData::sourceKey)},
-                          {kClassSourceType, "sourcetype", event.getStr(PipelineData::sourceTypeKey)}};
+  const Field fields[] = {{kClassHost, "host", event.getStr(PipelineData::hostField)},
+                          {kClassSource, "source", event.getStr(PipelineData::sourceField)},
+                          {kClassSourceType, "sourcetype", event.getStr(PipelineData::sourceTypeField)}};
   for (const Field& f : fields) {
     _term.assign(f.key);
     _term += "::";

@@ -26,9 +26,9 @@ void OutputVelmorUI21::writeEvents(const std::vector<std::shared_ptr<PipelineDat
     _out += "\t\t<timestamp>";
     appendEscaped(StrSegment(formatTime(*e)));
     _out += "</timestamp>\n";
-    element("host", e->getStr(PipelineData::hostKey));
-    element("source", e->getStr(PipelineData::sourceKey));
-    element("sourcetype", e->getStr(PipelineData::sourceTypeKey));
+    element("host", e->getStr(PipelineData::hostField));
+    element("source", e->getStr(PipelineData::sourceField));
+    element("sourcetype", e->getStr(PipelineData::sourceTypeField));
     _out += "\t\t<text>";
     appendEventText(raw);
     _out += "</text>\n";

@@ -70,7 +70,7 @@ size_t Query::getApproxSizeInK() const {
     for (const auto& ev : events) {
       if (!ev) continue;
       bytes += sizeof(PipelineData);
-      for (const auto& [key, value] : ev->map()) bytes += key.size() + (value ? value->size() : 0) + 64;
+      for (const auto& [key, value] : ev->map()) bytes += key->size() + (value ? value->size() : 0) + 64;
     }
   }
   for (const auto& [cd, score] : _scores) bytes += cd.size() + sizeof(score) + 32;

@@ -87,9 +87,9 @@ TEST_F(GetEventsTest, EventsKeepTheOrderOfTheIds) {
   const PipelineData& e = *q->resultMap()["events"][1];
   EXPECT_EQ(e.getStr(PipelineData::cdKey), ids[0].cd());
   EXPECT_EQ(e.getStr(PipelineData::timeKey), ToString(long(kBase + 4)));
-  EXPECT_EQ(e.getStr(PipelineData::hostKey), "web1");
-  EXPECT_EQ(e.getStr(PipelineData::sourceKey), "b.log");
-  EXPECT_EQ(e.getStr(PipelineData::sourceTypeKey), "app");
+  EXPECT_EQ(e.getStr(PipelineData::hostField), "web1");
+  EXPECT_EQ(e.getStr(PipelineData::sourceField), "b.log");
+  EXPECT_EQ(e.getStr(PipelineData::sourceTypeField), "app");
   EXPECT_EQ(e.getStr(PipelineData::metaKey), "host::web1 source::b.log sourcetype::app");
 }
 
