@@ -71,7 +71,7 @@ void LoaderInfo::populateFromEnvironment() {
   _dbPath = readPathVariable("VELMOR_DB");
 }
 
-void LoaderInfo::common_main_setup(bool quiet) {
+void LoaderInfo::common_main_setup(bool quiet, const char* logConfig) {
   LoaderInfo& li = getInstance();
   li.populateFromEnvironment();
   if (li._homePath.empty()) {
@@ -84,7 +84,11 @@ void LoaderInfo::common_main_setup(bool quiet) {
     setenv("VELMOR_DB", (li._homePath / "var/lib/velmor/db").c_str(), 1);
     li.populateFromEnvironment();
   }
-  Pathname cfg = li._homePath / "etc" / "log-cmdline.cfg";
+  // The shipped log configurations write under var/log/velmor; a fresh home
+  // may not have it yet.
+  Pathname logDir = li._homePath / "var" / "log" / "velmor";
+  if (li._homePath.isDir() && !logDir.isDir()) logDir.mkdir_p();
+  Pathname cfg = li._homePath / "etc" / logConfig;
   if (!quiet) fprintf(stderr, "Using logging configuration at %s.\n", cfg.c_str());
   Logger::initialize(cfg.c_str(), li._homePath.c_str(), true);
 }

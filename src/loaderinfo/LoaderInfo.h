@@ -48,7 +48,8 @@ class LoaderInfo {
   // singleton; stops the process with status -1 when VELMOR_HOME is not set;
   // sets VELMOR_DB to home/var/lib/velmor/db when it is not set; then starts the log facility from home/etc/log-cmdline.cfg (announced on
   // standard error unless `quiet`).
-  static void common_main_setup(bool quiet);
+  // A server names its own log configuration (the service: "log.cfg").
+  static void common_main_setup(bool quiet, const char* logConfig = "log-cmdline.cfg");
 
   // Reads the server options (see the usage text in LoaderInfo.cc). --help,
   // --usage and -? print the usage and exit 0; a bad option exits 8;

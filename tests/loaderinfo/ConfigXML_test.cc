@@ -73,7 +73,8 @@ TEST_F(ConfigXMLTest, ShippedDescriptionComposesAndIsWrittenOut) {
   EXPECT_TRUE(logged("System info: ")) << log;
   EXPECT_TRUE(logged("Module " + home.path() + "/etc/modules/input/batchfileloader loaded")) << log;
   EXPECT_EQ(describeComponent(component),
-            "parsing:readerin,aggregator,regexreplacement,sendOut;indexerPipe:indexin,indexer;"
+            "tailinput:tailreader,sendOut;parsing:readerin,aggregator,regexreplacement,sendOut;"
+            "indexerPipe:indexin,indexer;"
             "batchfileloader:batchreader,sendOut;");
   EXPECT_EQ(li.getCommonComponentNode().find("type").get_content(), "server");
 

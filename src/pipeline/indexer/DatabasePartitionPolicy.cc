@@ -191,6 +191,7 @@ std::shared_ptr<TEDB> DatabasePartitionPolicy::openBucketDir(const Pathname& dir
   if (hot) {
     // The hot bucket's id follows the highest warm or cold id; its times
     // come from what the engine holds.
+    b->setSliceWriteHook(&DatabasePartitionPolicy::onSliceWrite, this);
     b->open();
     int64_t lo, hi;
     if (b->readTimes(lo, hi)) {
@@ -219,6 +220,7 @@ void DatabasePartitionPolicy::createNewDB() {
         Str::fromFormat("Unable to create directory %s because %s", dir.c_str(), strerror(errno)));
   uint32_t id = _table.takeNextId();
   auto b = std::make_shared<TEDB>(dir, id, TEDB::kHot, INT64_MAX, INT64_MIN, _params);
+  b->setSliceWriteHook(&DatabasePartitionPolicy::onSliceWrite, this);
   b->open();
   _table.hot = b;
   _pendingHotId = false;
@@ -438,7 +440,10 @@ void DatabasePartitionPolicy::close() {
   _started = false;
 }
 
-void DatabasePartitionPolicy::signalShutdown() { _shutdown.store(true); }
+bool DatabasePartitionPolicy::signalShutdown() {
+  _shutdown.store(true);
+  return false;  // completion is reported once the buckets are closed
+}
 
 void DatabasePartitionPolicy::commonHandler() {
   if (_shutdownHandled) return;

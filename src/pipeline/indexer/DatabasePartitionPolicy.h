@@ -27,6 +27,8 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
+#include <unordered_map>
 #include <cstdint>
 #include <map>
 #include <utility>
@@ -34,13 +36,16 @@
 #include <vector>
 
 #include "pipeline/indexer/DatabasePartitionTable.h"
+#include "pipeline/indexer/FileProgress.h"
 #include "pipeline/indexer/IPartitionPolicy.h"
-#include "pipeline/indexer/MShutdownHandler.h"
+#include "framework/MShutdownHandler.h"
 #include "pipeline/indexer/MetaData.h"
 #include "pipeline/indexer/PolicyParameters.h"
 #include "pipeline/indexer/RecursiveMutex.h"
 #include "searchthing/st_types.h"
+#include "util/Mutex.h"
 #include "util/ReadWriteLock.h"
+#include "util/StrSegment.h"
 
 class BlockSigner;
 class GenericCleaner;
@@ -77,7 +82,7 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   void stopServiceThread();
   // Asks for shutdown: writes and queries stop being accepted, and the next
   // service tick syncs everything and signals completion.
-  void signalShutdown() override;
+  bool signalShutdown() override;
   bool isShutdownInProgress() const { return _shutdown.load(); }
   // Syncs the hot bucket's engine and raw data and the word tables.
   void sync(bool force = true) override;
@@ -99,6 +104,28 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   bool setBlockSignatureKey(const Pathname& pemFile);
   // Signs every partial block now.
   void flushBlockSignatures();
+
+  // --- read positions of followed files -------------------------------------------
+  // Events written with a FileProgress are remembered per source (the
+  // newest one each) until the slice holding them is written. Just before
+  // that slice is written, the listener gets them and must make them
+  // durable (the file tracker's store); false from it keeps the slice in
+  // memory, to be tried again at the next sync. So a position on disk never
+  // runs ahead of the data, and the data of a slice on disk always has its
+  // position stored first; isCommitted() tells, after a crash, whether the
+  // slice named by a stored position made it too. Without a listener
+  // nothing is remembered. The listener runs under the hot bucket's index
+  // lock, on whichever thread syncs: it must not write into this policy.
+  using SliceCommitListener = std::function<bool(DatabasePartitionPolicy& policy,
+                                                 const std::vector<SourceProgress>& progress)>;
+  void setSliceCommitListener(SliceCommitListener listener);
+  // True while an event of this source waits for its slice.
+  bool hasUncommittedProgress(const Str& source);
+  // Whether the event that a stored position names (the source's newest
+  // event in the bucket of that id, at that address and time) is in a slice
+  // on disk. A bucket that no longer exists counts as committed (its
+  // events were on disk when it rolled); a failed lookup counts as not.
+  bool isCommitted(uint32_t bucketId, const Str& source, uint32_t address, int32_t time);
 
   // --- querying ------------------------------------------------------------------
   using IPartitionPolicy::query;  // the forms that go on from a QueryHint
@@ -260,4 +287,26 @@ class DatabasePartitionPolicy : public IPartitionPolicy, public MShutdownHandler
   DatabasePartitionPolicy* _signatureStore = nullptr;
   std::unique_ptr<PolicyServiceThread> _serviceThread;
   Str _metaBuf;  // meta text of the event being written
+
+  // Read positions waiting for their slice, by source. Guarded by
+  // _progressMutex, a leaf lock: taken under the index lock by the write
+  // path and the slice hook, never the other way round.
+  Mutex _progressMutex;
+  struct ProgressHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+  };
+  std::unordered_map<Str, SourceProgress, ProgressHash, std::equal_to<>> _progress;
+  SliceCommitListener _commitListener;
+  struct ProgressNote {
+    DatabasePartitionPolicy* self;
+    StrSegment source;
+    const FileProgress* at;
+    uint32_t bucketId;
+    uint32_t address;
+    int32_t time;
+  };
+  static int onSliceWrite(void* ctx, TEDB& bucket);
+  static void noteProgress(void* ctx);
+  int commitProgress(uint32_t bucketId);
 };

@@ -116,7 +116,12 @@ bool DatabasePartitionPolicy::write(const WritableEvent& ev) {
     ie.fields = ev.fields;
     ie.raw = ev.raw;
     ie.indexTerms = ev.indexTerms;
-    index.index(value, ie);
+    if (ev.progress && _commitListener) {
+      ProgressNote note{this, source, ev.progress, hot.id(), uint32_t(address), int32_t(t)};
+      index.index(value, ie, &DatabasePartitionPolicy::noteProgress, &note);
+    } else {
+      index.index(value, ie);
+    }
   }
   // 10. A hot bucket whose addresses near 2^32 rolls now.
   if (double(address) >= _params.addressRollThreshold) {

@@ -13,6 +13,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "framework/FileData.h"
+#include "framework/FileInputTracker.h"
+#include "framework/ShutdownLevel.h"
+#include "framework/ShutdownManager.h"
 #include "framework/UserManager.h"
 #include "libbundle/PropertiesMap.h"
 #include "libbundle/PropertyPages.h"
@@ -104,15 +108,27 @@ IndexProcessor::IndexProcessor() {
 }
 
 IndexProcessor::~IndexProcessor() {
+  if (_shutdownLevel) _shutdownLevel->unregisterHandler(this);
   stopServiceThread();
   if (DatabaseContainer::getProcessContainer() == this) DatabaseContainer::setProcessContainer(nullptr);
-  for (auto& [name, p] : _policies) {
+  if (FileInputTracker::instance().queryRunner() == this) {
+    FileInputTracker::instance().setQueryRunner(nullptr);
+    FileInputTracker::instance().setRecordVerifier(nullptr);
+    FileInputTracker::instance().setRecordSink(nullptr);
+  }
+  // The file tracker's index closes last: the last slices of the others
+  // store their read positions in it as they close.
+  auto closeOne = [](DatabasePartitionPolicy& p) {
     try {
-      p->close();
+      p.close();
     } catch (const std::exception& e) {
       gLogger.error(e);
     }
-  }
+  };
+  for (auto& [name, p] : _policies)
+    if (name != kFileSeeksIndex) closeOne(*p);
+  auto store = _policies.find(kFileSeeksIndex);
+  if (store != _policies.end()) closeOne(*store->second);
 }
 
 namespace {
@@ -192,21 +208,176 @@ void IndexProcessor::initDB(const Str& name, const PropertiesMap& stanza, bool r
   _policies[name] = std::move(policy);
 }
 
-IndexProcessor::Result IndexProcessor::execute(PipelineData& event) {
+namespace {
+
+const char kTrackerSource[] = "source::fileTracker";
+const char kTrackerSourceType[] = "sourcetype::fileTrackerCrcLog";
+const char kTrackerHost[] = "host::fthost";
+const char kCommitToken[] = " commit::";
+
+// The progress keys of an event of a followed file; false when it has none
+// (or they cannot be read, in which case the event is written without).
+bool readProgress(const PipelineData& event, FileProgress& out) {
+  const Str& seek = event.getStr(PipelineData::seekAddrKey);
+  const Str& init = event.getStr(kInitCRCKey);
+  if (seek.empty() || init.empty()) return false;
+  char* end = nullptr;
+  out.seekPtr = strtoull(seek.c_str(), &end, 10);
+  if (*end) return false;
+  out.initCRC = strtoull(init.c_str(), &end, 16);
+  if (*end) return false;
+  const Str& crc = event.getStr(kSeekCRCKey);
+  out.seekCRC = strtoull(crc.c_str(), &end, 16);
+  if (*end) return false;
+  out.modTime = event.getStr(kModTimeKey).toLong(0);
+  return true;
+}
+
+// The path a tracker record names: from "filename::" to " source::".
+Str recordPath(const Str& text) {
+  size_t at = text.find("filename::");
+  if (at == Str::npos) return Str();
+  at += 10;
+  size_t end = text.find(" source::", at);
+  return Str(text.substr(at, end == Str::npos ? Str::npos : end - at));
+}
+
+// The terms by which the tracker finds a record again, "initcrc::<hex>"
+// and "filename::<path>", as index terms of the record: the record's text
+// is cut into words like any event's, which would split them.
+Str trackerRecordTerms(const Str& text) {
+  Str meta;
+  size_t hexEnd = text.find_first_not_of("0123456789abcdefABCDEF");
+  if (hexEnd != 0 && hexEnd != Str::npos) meta = "initcrc::" + text.substr(0, hexEnd);
+  Str path = recordPath(text);
+  if (!path.empty() && path.find_first_of(" \t") == Str::npos) {
+    if (!meta.empty()) meta += ' ';
+    meta += "filename::" + path;
+  }
+  return meta;
+}
+
+}  // namespace
+
+const Str IndexProcessor::kFileSeeksIndex = "_thefileseeks";
+
+const PluginFactory& IndexProcessor::factory() {
+  static const SimplePluginFactory<IndexProcessor> f("indexprocessor");
+  return f;
+}
+
+void IndexProcessor::init(const xml::node&, const xml::node&) {
+  init(false, true);
+  // The indexes close at the second database level, once the pipelines
+  // that feed them have stopped taking records (the first).
+  if (ShutdownLevel* level = ShutdownManager::instance().findLevel("Database2")) {
+    level->registerHandler(this, "indexprocessor");
+    _shutdownLevel = level;
+  }
+  FileInputTracker& tracker = FileInputTracker::instance();
+  tracker.setQueryRunner(this);
+  tracker.setRecordVerifier([this](const Str& text) { return isRecordCommitted(text); });
+  DatabasePartitionPolicy* store = getDatabaseByName(kFileSeeksIndex);
+  if (!store) {
+    gLogger.warn("There is no index %s: read positions of followed files are not kept", kFileSeeksIndex.c_str());
+    return;
+  }
+  // Records the tracker sends on its own (a cache written out again) go
+  // straight into its index.
+  tracker.setRecordSink([this, store](std::shared_ptr<PipelineData> r) {
+    return r && writeTrackerRecord(*r, *store) == eOk;
+  });
+  for (auto& [name, p] : _policies) {
+    if (p.get() == store) continue;
+    p->setSliceCommitListener([this](DatabasePartitionPolicy& policy, const std::vector<SourceProgress>& progress) {
+      return storePositions(policy, progress);
+    });
+  }
+}
+
+bool IndexProcessor::storePositions(DatabasePartitionPolicy& policy, const std::vector<SourceProgress>& progress) {
+  DatabasePartitionPolicy* store = getDatabaseByName(kFileSeeksIndex);
+  if (!store) return true;
+  Str now = Str::fromFormat("%ld", long(time(nullptr)));
+  const Str& index = policy.getPolicyParameters().name;
+  for (const SourceProgress& sp : progress) {
+    FileData d;
+    d.initCRC = sp.at.initCRC;
+    d.seekCRC = sp.at.seekCRC;
+    d.seekPtr = sp.at.seekPtr;
+    d.modTime = d.storedModTime = sp.at.modTime;
+    d.source = "source::" + sp.source;
+    Str text = FileInputTracker::recordText(d);
+    text.appendFormat("%s%s:%u:%x:%d:", kCommitToken, index.c_str(), sp.bucketId, sp.address, int(sp.time));
+    text += sp.source;
+    Str terms = trackerRecordTerms(text);
+    WritableEvent ev;
+    ev.raw = StrSegment(text);
+    ev.meta = StrSegment(terms);
+    ev.time = StrSegment(now);
+    ev.host = StrSegment(kTrackerHost, sizeof kTrackerHost - 1);
+    ev.source = StrSegment(kTrackerSource, sizeof kTrackerSource - 1);
+    ev.sourceType = StrSegment(kTrackerSourceType, sizeof kTrackerSourceType - 1);
+    if (!store->write(ev)) return false;
+  }
+  // The positions reach the disk before the slice they stand for.
+  store->sync(true);
+  return true;
+}
+
+int IndexProcessor::writeTrackerRecord(PipelineData& event, DatabasePartitionPolicy& store) {
+  const Str& raw = event.getStr(PipelineData::rawKey);
+  Str path = recordPath(raw);
+  // Data of this file that waits for its slice: the slice stores its own
+  // position, which this record must not overtake.
+  for (auto& [name, p] : _policies)
+    if (p.get() != &store && !path.empty() && p->hasUncommittedProgress(path)) return eOk;
+  WritableEvent ev;
+  Str now = Str::fromFormat("%ld", long(time(nullptr)));
+  Str terms = trackerRecordTerms(raw);
+  ev.raw = StrSegment(raw);
+  ev.meta = StrSegment(terms);
+  const Str& t = event.getStr(PipelineData::timeKey);
+  ev.time = StrSegment(t.empty() ? now : t);
+  ev.host = StrSegment(kTrackerHost, sizeof kTrackerHost - 1);
+  ev.source = StrSegment(kTrackerSource, sizeof kTrackerSource - 1);
+  ev.sourceType = StrSegment(kTrackerSourceType, sizeof kTrackerSourceType - 1);
+  return store.write(ev) ? eOk : eDrop;
+}
+
+bool IndexProcessor::isRecordCommitted(const Str& text) {
+  size_t at = text.rfind(kCommitToken);
+  if (at == Str::npos) return true;  // stored as it came: nothing to check
+  const char* p = text.c_str() + at + sizeof kCommitToken - 1;
+  const char* colon = strchr(p, ':');
+  if (!colon) return false;
+  Str index(std::string(p, size_t(colon - p)));
+  unsigned bucket = 0, address = 0;
+  int t = 0, used = 0;
+  if (sscanf(colon + 1, "%u:%x:%d:%n", &bucket, &address, &t, &used) != 3 || used == 0) return false;
+  Str source(colon + 1 + used);
+  DatabasePartitionPolicy* policy = getDatabaseByName(index);
+  if (!policy) return true;  // the index is gone, and its data with it
+  return policy->isCommitted(bucket, source, address, t);
+}
+
+int IndexProcessor::execute(PipelineData& event) {
   if (_readOnly) {
     gLogger.error("Index was opened read only but IndexProcessor::execute was called. Returning eExit ");
     return eExit;
   }
   Str index = event.getStr(PipelineData::indexKey);
   if (index.empty()) {
-    gLogger.warn("No index provided in %s for this event", event.getStr(PipelineData::sourceKey).c_str());
+    gLogger.debug("No index provided in %s for this event", event.getStr(PipelineData::sourceKey).c_str());
     index = _defaultDatabase;
   }
   DatabasePartitionPolicy* p = getDatabaseByName(index);
   if (!p) {
     gLogger.error("Could not find an index with name = \"%s\" this event will not be indexed", index.c_str());
-    return eError;
+    return eDrop;
   }
+  if (index == kFileSeeksIndex && event.getStr(PipelineData::sourceTypeKey) == kTrackerSourceType)
+    return writeTrackerRecord(event, *p);
   WritableEvent ev;
   ev.raw = StrSegment(event.getStr(PipelineData::rawKey));
   ev.time = StrSegment(event.getStr(PipelineData::timeKey));
@@ -214,7 +385,9 @@ IndexProcessor::Result IndexProcessor::execute(PipelineData& event) {
   ev.source = StrSegment(event.getStr(PipelineData::sourceKey));
   ev.sourceType = StrSegment(event.getStr(PipelineData::sourceTypeKey));
   ev.meta = StrSegment(event.getStr(PipelineData::metaKey));
-  if (!p->write(ev)) return eError;
+  FileProgress progress;
+  if (readProgress(event, progress)) ev.progress = &progress;
+  if (!p->write(ev)) return eDrop;
   if (event.has("_sync")) {
     gLogger.info("Syncing database");
     p->sync(true);
@@ -389,12 +562,26 @@ void IndexProcessor::service() {
   }
 }
 
-void IndexProcessor::signalShutdown() {
+bool IndexProcessor::signalShutdown() {
   _shutdown = true;
-  for (auto& [name, p] : _policies) p->signalShutdown();
   stopServiceThread();
-  service();
+  // Each index's last tick syncs it; the file tracker's index goes last, as
+  // the others store their read positions in it while they sync.
+  int64_t now = int64_t(::time(nullptr));
+  auto stop = [now](DatabasePartitionPolicy& p) {
+    try {
+      p.signalShutdown();
+      p.service(now);
+    } catch (const std::exception& e) {
+      gLogger.error(e);
+    }
+  };
+  for (auto& [name, p] : _policies)
+    if (name != kFileSeeksIndex) stop(*p);
+  auto store = _policies.find(kFileSeeksIndex);
+  if (store != _policies.end()) stop(*store->second);
   signalShutdownComplete();
+  return true;
 }
 
 void IndexProcessor::startServiceThread() {

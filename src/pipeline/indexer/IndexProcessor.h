@@ -25,6 +25,15 @@
 // and the policies lock themselves. disableQueries() makes runQuery and
 // runSearch refuse until enableQueries().
 //
+// Read positions of followed files: events carry how far into their file
+// they reach (the keys named in framework/FileData.h); each index stores the positions of a
+// slice in the file tracker's index ("_thefileseeks") just before the slice
+// is written (see DatabasePartitionPolicyProgress.cc), and at start the
+// tracker asks isRecordCommitted() which stored position to trust. The
+// tracker's own records arriving down the pipeline are written as they
+// come, unless data of that file still waits for its slice, in which case
+// the slice's own record will say more.
+//
 // Threads: every public member may be called from any thread after init.
 #pragma once
 
@@ -37,21 +46,28 @@
 #include <vector>
 
 #include "framework/PipelineData.h"
+#include "framework/PluginFactory.h"
+#include "framework/Processor.h"
+#include "pipeline/indexer/FileProgress.h"
 #include "pipeline/indexer/DatabaseContainer.h"
 #include "pipeline/indexer/IQueryRunner.h"
-#include "pipeline/indexer/MShutdownHandler.h"
+#include "framework/MShutdownHandler.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
 
 class DatabasePartitionPolicy;
+class ShutdownLevel;
 class PropertiesMap;
 class PolicyServiceThread;
 class Thread;
 
-class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public IQueryRunner {
+class IndexProcessor : public Processor, public MShutdownHandler, public DatabaseContainer, public IQueryRunner {
  public:
-  // Result of execute (the pipeline's processor codes).
-  enum Result { eOk = 0, eExit = 1, eError = 2 };
+  // The index of the file tracker's records.
+  static const Str kFileSeeksIndex;  // "_thefileseeks"
+
+  // The plug-in "indexprocessor".
+  static const PluginFactory& factory();
 
   // Installs the process runner's fork and wait helpers for the engine's
   // forked query handles when a runner is up.
@@ -71,9 +87,20 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
   // One index from its (layered) stanza.
   void initDB(const Str& name, const PropertiesMap& stanza, bool readOnly);
 
+  // As a pipeline's processor: init(false, true), then the file tracker is
+  // pointed at this processor for its queries and its stored positions.
+  void init(const xml::node& config, const xml::node& global) override;
+  int execute(std::shared_ptr<PipelineData>& record) override { return execute(*record); }
+
   // Writes one event into the index its index key names (the default index
-  // when none is named).
-  Result execute(PipelineData& event);
+  // when none is named): eOk, eDrop when it could not be written, eExit
+  // when the indexes are read-only.
+  int execute(PipelineData& event);
+
+  // Whether a stored record of the file tracker may be trusted: true unless
+  // it names an event (" commit::<index>:<bucket id>:<address>:<time>") that
+  // its index does not hold.
+  bool isRecordCommitted(const Str& recordText);
 
   // --- IQueryRunner ------------------------------------------------------------------
   void runQuery(const char* query, const char* user, const char* queryId, Str& results) override;
@@ -107,8 +134,9 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
 
   // One tick: each policy's service with the wall clock.
   void service();
-  // Raises the shutdown flag and asks every policy to shut down.
-  void signalShutdown() override;
+  // Raises the shutdown flag, asks every policy to shut down and finishes
+  // at once (true).
+  bool signalShutdown() override;
   bool isShutdownInProgress() const { return _shutdown.load(); }
 
   unsigned long getMaxQueryIds() const { return _maxQueryIds; }
@@ -117,6 +145,10 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
  private:
   void startServiceThread();
   void stopServiceThread();
+  // Stores the positions of a slice about to be written (see above).
+  bool storePositions(DatabasePartitionPolicy& policy, const std::vector<SourceProgress>& progress);
+  // A file tracker record that came down the pipeline.
+  int writeTrackerRecord(PipelineData& event, DatabasePartitionPolicy& store);
 
   std::map<Str, std::unique_ptr<DatabasePartitionPolicy>> _policies;
   Str _defaultDatabase;
@@ -130,4 +162,5 @@ class IndexProcessor : public MShutdownHandler, public DatabaseContainer, public
   std::atomic<bool> _queriesEnabled{true};
   std::atomic<bool> _shutdown{false};
   std::unique_ptr<Thread> _serviceThread;
+  ShutdownLevel* _shutdownLevel = nullptr;
 };

@@ -118,6 +118,8 @@ PolicyParameters PolicyParameters::fromStanza(const Str& name, const PropertiesM
   r.optionalLong("frozenTimePeriodInSecs", p.frozenTimePeriodInSecs);
   r.optionalLong("rotatePeriodInSecs", p.rotatePeriodInSecs);
   r.optionalLong("optimizeEvery", p.optimizeEvery);
+  r.optionalLong("syncPeriod", p.syncPeriod);
+  if (p.syncPeriod < 0) p.syncPeriod = 0;
   r.optionalLong("maxConcurrentOptimizes", p.maxConcurrentOptimizes);
   r.optionalLong("blockSignSize", p.blockSignSize);
   if (p.blockSignSize > kMaxBlockSignSize) {

@@ -69,5 +69,6 @@ class PolicyParameters {
   // Not configuration keys: fixed by the system, adjustable by tests.
   double addressRollThreshold = kDefaultAddressRollThreshold;
   uint64_t rawRollSize = 0xA00000;  // raw data file size before it rolls
-  int64_t syncPeriod = 30;          // seconds between engine syncs
+  int64_t syncPeriod = 30;          // seconds between engine syncs ("syncPeriod"): how
+                                    // soon other processes see new events
 };

@@ -78,11 +78,19 @@ void TEDB::open() {
                                                  int(_params.addressCompressBits), _params.compressRawdata);
   // Raw data goes out in large writes once the engine flushes it before
   // every slice it writes; close() closes the journal (flushing) first.
-  if (!_readOnly && index->setBeforeSliceWrite(&SplitCompression::flushHook, data.get()))
+  if (!_readOnly && index->setBeforeSliceWrite(&TEDB::beforeSliceWrite, this))
     data->setWriteBuffer(kRawWriteBuffer);
   _index = std::move(index);
   _data = std::move(data);
   _open.store(true, std::memory_order_release);
+}
+
+int TEDB::beforeSliceWrite(void* ctx) {
+  TEDB* b = static_cast<TEDB*>(ctx);
+  // At close the journal has gone already, having flushed itself.
+  if (b->_data && SplitCompression::flushHook(b->_data.get()) != 0) return -1;
+  SliceWriteHook hook = b->_hook.load();
+  return hook ? hook(b->_hookCtx.load(), *b) : 0;
 }
 
 void TEDB::close() {

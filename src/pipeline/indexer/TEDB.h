@@ -79,6 +79,17 @@ class TEDB {
   // Queries reading this bucket now.
   std::atomic<int> inUse{0};
 
+  // A function run before each slice of this bucket is written, after the
+  // raw data it names has been flushed: fn(ctx, *this). Non-zero keeps the
+  // slice in memory for a later sync. It runs under the index's lock, on
+  // whichever thread syncs. REQUIRES: set before events are written; null
+  // removes it.
+  using SliceWriteHook = int (*)(void* ctx, TEDB& bucket);
+  void setSliceWriteHook(SliceWriteHook fn, void* ctx) {
+    _hookCtx.store(ctx);
+    _hook.store(fn);
+  }
+
  private:
   Pathname _dir;
   uint32_t _id;
@@ -93,6 +104,11 @@ class TEDB {
 
   std::unique_ptr<TimeInvertedIndex> _index;
   std::unique_ptr<SplitCompression> _data;
+  std::atomic<SliceWriteHook> _hook{nullptr};
+  std::atomic<void*> _hookCtx{nullptr};
+
+  // The engine's before-write function: flush the journal, then the hook.
+  static int beforeSliceWrite(void* ctx);
 };
 
 // Sort order of getMatchingDBsByTime: latest end time first, then the

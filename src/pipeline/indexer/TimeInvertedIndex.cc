@@ -236,6 +236,10 @@ size_t TimeInvertedIndex::dispatcherCount() {
 }
 
 bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
+  return index(value, ev, nullptr, nullptr);
+}
+
+bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev, void (*after)(void* ctx), void* ctx) {
   ScopedLock l(_mutex);
   if (!_handle) {
     gLogger.error("Attempting to add to uninitalized database");
@@ -246,10 +250,12 @@ bool TimeInvertedIndex::index(IndexableValue& value, const IndexableEvent& ev) {
     if (++_nextDispatcher == _dispatchers.size()) _nextDispatcher = 0;
     d.addToQueue(ev, value.time(), value.address(), value.hostCode(), value.sourceCode(), value.sourceTypeCode(),
                  value.cleaner());
+    if (after) after(ctx);
     return true;
   }
   value.setHandle(_handle);
   value.index(ev);
+  if (after) after(ctx);
   return true;
 }
 

@@ -96,6 +96,10 @@ class TimeInvertedIndex {
   // is not open. REQUIRES: value has a cleaner, which outlives the index
   // when indexing threads are configured.
   bool index(IndexableValue& value, const IndexableEvent& ev);
+  // The same, then after(ctx) while still holding the index's lock, so that
+  // no slice is written between the event's terms and what after() records
+  // about it (the slice-write hook runs under the same lock).
+  bool index(IndexableValue& value, const IndexableEvent& ev, void (*after)(void* ctx), void* ctx);
   // Number of indexing threads running.
   size_t dispatcherCount();
 

@@ -20,6 +20,8 @@
 //   indexTerms extra text segmented like the raw text
 //   cleaner    the segmenter of the event's SEGMENTATION; null uses the
 //              policy's default segmenter
+//   progress   for an event of a followed file, how far into the file it
+//              reaches (see FileProgress.h); null for any other event
 //
 // The caller owns every byte viewed here and keeps it alive for the call.
 #pragma once
@@ -30,6 +32,7 @@
 #include "util/StrSegment.h"
 
 class GenericCleaner;
+struct FileProgress;
 
 struct WritableEvent {
   StrSegment raw;
@@ -42,4 +45,5 @@ struct WritableEvent {
   std::span<const std::pair<StrSegment, StrSegment>> fields;
   StrSegment indexTerms;
   GenericCleaner* cleaner = nullptr;
+  const FileProgress* progress = nullptr;
 };

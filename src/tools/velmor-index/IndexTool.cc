@@ -21,8 +21,8 @@
 #include "pipeline/indexer/QSMSetAcceptor.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/ScopedPolicyLock.h"
-#include "tools/velmor-index/LeadingTime.h"
-#include "tools/velmor-index/SourceTypeName.h"
+#include "pipeline/analysis/LeadingTime.h"
+#include "pipeline/input/SourceTypeName.h"
 #include "util/WildcardMatcher.h"
 #include "util/ReadWriteLock.h"
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "tools/velmor-index/LeadingTime.h"
+#include "pipeline/analysis/LeadingTime.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/velmor-index/SourceTypeName.h"
+#include "pipeline/input/SourceTypeName.h"
 
 namespace {
 

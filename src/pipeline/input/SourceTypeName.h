@@ -1,4 +1,4 @@
-// sourceTypeFromPath: the source type an added file gets when the command
+// sourceTypeFromPath: the source type a file gets when its input or the command
 // line names none, taken from the file's name as users name their logs:
 // the base name without directories, without trailing rotation numbers and
 // compression suffixes (".1", ".2.gz", ".gz", ".bz2", ".xz", ".zst") and

@@ -1,6 +1,6 @@
-// The source type velmor-index names from an added file's path: file name in,
+// The source type a followed or added file gets from its path: file name in,
 // source type out.
-#include "tools/velmor-index/SourceTypeName.h"
+#include "pipeline/input/SourceTypeName.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tools/velmor-index/LeadingTime.h"
+#include "pipeline/analysis/LeadingTime.h"
 
 #include <cstring>
 

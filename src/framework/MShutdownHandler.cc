@@ -1,6 +1,21 @@
-#include "pipeline/indexer/MShutdownHandler.h"
+#include "framework/MShutdownHandler.h"
 
 #include <chrono>
+
+#include "framework/ShutdownLevel.h"
+
+void MShutdownHandler::signalShutdownComplete() {
+  ShutdownLevel* listener;
+  {
+    ScopedLock l(_doneMutex);
+    _done = true;
+    listener = _listener;
+    _doneCond.internal_wake_all();
+  }
+  // Outside our mutex: the level takes the shutdown machine's lock, which it
+  // may already hold while it calls into us.
+  if (listener) listener->handlerCompleted(this);
+}
 
 bool MShutdownHandler::waitForShutdownComplete(double seconds) {
   ScopedLock l(_doneMutex);
@@ -18,8 +33,7 @@ bool MShutdownHandler::isShutdownComplete() {
   return _done;
 }
 
-void MShutdownHandler::signalShutdownComplete() {
+void MShutdownHandler::setShutdownListener(ShutdownLevel* level) {
   ScopedLock l(_doneMutex);
-  _done = true;
-  _doneCond.internal_wake_all();
+  _listener = level;
 }

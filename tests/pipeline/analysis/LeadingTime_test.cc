@@ -1,5 +1,5 @@
 // Leading time stamps of log lines, as a table: line in, time (or none) out.
-#include "tools/velmor-index/LeadingTime.h"
+#include "pipeline/analysis/LeadingTime.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,259 @@
+// The service as users run it: its command line, start and stop, and the
+// promise that every line of a followed file is indexed exactly once
+// whatever happens to the process (kill -9 or an orderly stop, at any
+// moment of a write burst) or to the files (rotation by rename).
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "ToolProcess.h"
+
+namespace {
+
+const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
+const std::string kIndexTool = VELMOR_BINARY_DIR "/bin/velmor-index";
+
+using Clock = std::chrono::steady_clock;
+
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// A scratch installation laid out by the shipped script, following
+// <home>/logs.
+class ServiceHome {
+ public:
+  ServiceHome() {
+    char tmpl[] = "/tmp/velmord_test.XXXXXX";
+    _path = mkdtemp(tmpl);
+    std::string cmd = "bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + _path + " >/dev/null";
+    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "mkhome failed";
+    mkdir((_path + "/logs").c_str(), 0755);
+    std::ofstream(_path + "/etc/bundles/local/inputs.conf") << "[tail:" << _path << "/logs]\nsourcetype = app\n";
+  }
+  ~ServiceHome() {
+    if (getenv("VELMORD_TEST_KEEP")) {
+      fprintf(stderr, "kept %s\n", _path.c_str());
+      return;
+    }
+    std::string cmd = "rm -rf " + _path;
+    if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
+  }
+  const std::string& path() const { return _path; }
+  std::vector<std::pair<std::string, std::string>> env() const {
+    return {{"VELMOR_HOME", _path}, {"VELMOR_DB", _path + "/var/lib/velmor/db"}};
+  }
+  std::string pidFile() const { return _path + "/var/run/velmor/velmord.pid"; }
+  std::string log() const { return slurp(_path + "/var/log/velmor/velmord.log"); }
+
+ private:
+  std::string _path;
+};
+
+// velmord --nodaemon as a child; killed (SIGKILL) if still running when the
+// object goes, so a failing test never leaves it behind.
+class Service {
+ public:
+  explicit Service(const ServiceHome& home) : _home(home) {}
+  ~Service() {
+    if (_pid > 0) {
+      kill(_pid, SIGKILL);
+      waitpid(_pid, nullptr, 0);
+    }
+  }
+  void start() {
+    ASSERT_LE(_pid, 0);
+    unlink(_home.pidFile().c_str());
+    _pid = fork();
+    if (_pid == 0) {
+      int null = open("/dev/null", O_WRONLY);
+      dup2(null, 1);
+      dup2(null, 2);
+      for (const auto& [k, v] : _home.env()) setenv(k.c_str(), v.c_str(), 1);
+      execl(kVelmord.c_str(), kVelmord.c_str(), "--nodaemon", (char*)nullptr);
+      _exit(127);
+    }
+    // Running once it wrote its pid file.
+    auto deadline = Clock::now() + std::chrono::seconds(30);
+    struct stat st;
+    while (stat(_home.pidFile().c_str(), &st) != 0 && Clock::now() < deadline) sleepMs(20);
+    ASSERT_EQ(stat(_home.pidFile().c_str(), &st), 0) << "velmord did not start";
+  }
+  void kill9() {
+    ASSERT_GT(_pid, 0);
+    kill(_pid, SIGKILL);
+    waitpid(_pid, nullptr, 0);
+    _pid = -1;
+  }
+  // SIGTERM; the exit status, or -1 when it had to be killed after 60 s.
+  int stop() {
+    if (_pid <= 0) return -1;
+    kill(_pid, SIGTERM);
+    auto deadline = Clock::now() + std::chrono::seconds(60);
+    int st = 0;
+    while (Clock::now() < deadline) {
+      if (waitpid(_pid, &st, WNOHANG) == _pid) {
+        _pid = -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+      }
+      sleepMs(20);
+    }
+    kill9();
+    return -1;
+  }
+  pid_t pid() const { return _pid; }
+
+ private:
+  const ServiceHome& _home;
+  pid_t _pid = -1;
+};
+
+// The numbers of "seq=<n>" of every event of the main index holding "burst".
+std::multiset<long> indexedSeqs(const ServiceHome& home) {
+  ToolRun r = runTool(kIndexTool, {"search", "main", "burst", "--count", "10000000"}, home.path(), home.env());
+  std::multiset<long> out;
+  std::istringstream in(r.out);
+  std::string line;
+  while (std::getline(in, line)) {
+    size_t at = line.find("seq=");
+    if (at != std::string::npos) out.insert(atol(line.c_str() + at + 4));
+  }
+  return out;
+}
+
+TEST(Velmord, CommandLineTextsAndStatuses) {
+  ServiceHome home;
+  auto env = home.env();
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    const char* says;
+  } cases[] = {
+      {{"--help"}, 0, "[OPTION...]\n  --nodaemon      causes the system not to daemonize\n"},
+      {{"-?"}, 0, "Help options:\n  -?, --help      Show this help message\n"},
+      {{"--bogus"}, 8, "Bad Option --bogus\n"},
+      {{"-i", "x"}, 8, "Bad Option -i\n"},
+      {{"-c"}, 8, "-c option requires an argument\n"},
+      {{"--waitonpid=12"}, 1, "--waitonpid option not implemented for UNIX\n"},
+  };
+  for (const Case& c : cases) {
+    ToolRun r = runTool(kVelmord, c.args, home.path(), env);
+    EXPECT_EQ(r.status, c.status) << c.args[0];
+    EXPECT_NE((r.out + r.err).find(c.says), std::string::npos) << c.args[0] << ": " << r.out << r.err;
+  }
+  ToolRun noHome = runTool(kVelmord, {"--nodaemon"}, home.path(), {{"VELMOR_HOME", ""}});
+  EXPECT_EQ(noHome.status, 255);
+  EXPECT_NE(noHome.err.find("VELMOR_HOME must be set.  Stopping.\n"), std::string::npos);
+  ToolRun badHome = runTool(kVelmord, {"--nodaemon"}, home.path(), {{"VELMOR_HOME", home.path() + "/none"}, {"VELMOR_DB", ""}});
+  EXPECT_EQ(badHome.status, 1);
+  EXPECT_NE(badHome.err.find("The environment variable VELMOR_HOME must point to an existing path."),
+            std::string::npos)
+      << badHome.err;
+}
+
+TEST(Velmord, StartsOnceAndStopsByLevels) {
+  ServiceHome home;
+  Service s(home);
+  s.start();
+  ToolRun second = runTool(kVelmord, {"--nodaemon"}, home.path(), home.env());
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.err.find("velmord is already running (pid " + std::to_string(s.pid()) + ")"), std::string::npos)
+      << second.err;
+  EXPECT_EQ(s.stop(), 0);
+  struct stat st;
+  EXPECT_NE(stat(home.pidFile().c_str(), &st), 0) << "the pid file is removed at exit";
+  std::string log = home.log();
+  size_t at = 0;
+  for (const char* level : {"APIs", "Input", "Analysis", "Database1", "Database2", "Output", "Pipelines", "Queue"}) {
+    size_t next = log.find(std::string("shutting down level \"") + level + "\"", at);
+    ASSERT_NE(next, std::string::npos) << level << " missing or out of order";
+    at = next;
+  }
+  EXPECT_EQ(log.find("timed out"), std::string::npos) << log;
+}
+
+TEST(Velmord, DetachesAndReportsTheStart) {
+  ServiceHome home;
+  ToolRun r = runTool(kVelmord, {}, home.path(), home.env());
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::ifstream f(home.pidFile());
+  long pid = 0;
+  f >> pid;
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(kill(pid_t(pid), 0), 0);
+  kill(pid_t(pid), SIGTERM);
+  auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (kill(pid_t(pid), 0) == 0 && Clock::now() < deadline) sleepMs(50);
+  if (kill(pid_t(pid), 0) == 0) {
+    kill(pid_t(pid), SIGKILL);
+    FAIL() << "the detached service did not stop";
+  }
+}
+
+// Writes `lines` numbered lines into <home>/logs/app.log in bursts while
+// the service is killed (SIGKILL) or stopped (SIGTERM) and started again
+// between them, with a rotation by rename halfway. Every line must be in
+// the index exactly once at the end.
+TEST(Velmord, EveryLineOnceThroughKillsStopsAndRotation) {
+  ServiceHome home;
+  Service s(home);
+  s.start();
+  const std::string file = home.path() + "/logs/app.log";
+  const long kLines = 40000, kBursts = 10;
+  long seq = 0;
+  for (long b = 0; b < kBursts; ++b) {
+    {
+      std::ofstream out(file, std::ios::app);
+      for (long i = 0; i < kLines / kBursts; ++i) {
+        ++seq;
+        out << "2026-11-24T10:" << (10 + b) << ":00Z host=web burst seq=" << seq << " padding-to-make-the-line-longer\n";
+        if (i % 500 == 0) out.flush();
+      }
+    }
+    if (b == kBursts / 2) {
+      ASSERT_EQ(rename(file.c_str(), (file + ".1").c_str()), 0);
+    }
+    // Interrupt at a different moment of the reading each time.
+    sleepMs(int(40 + 97 * b % 400));
+    if (b % 3 == 2) {
+      EXPECT_EQ(s.stop(), 0) << "burst " << b;
+    } else {
+      s.kill9();
+    }
+    s.start();
+  }
+  // Everything is read and indexed within a bounded time.
+  std::multiset<long> seen;
+  auto deadline = Clock::now() + std::chrono::seconds(90);
+  while (Clock::now() < deadline) {
+    seen = indexedSeqs(home);
+    if (long(seen.size()) >= kLines) break;
+    sleepMs(500);
+  }
+  sleepMs(2500);  // anything extra (a line indexed twice) shows up too
+  seen = indexedSeqs(home);
+  EXPECT_EQ(s.stop(), 0);
+  std::set<long> distinct(seen.begin(), seen.end());
+  EXPECT_EQ(long(distinct.size()), kLines) << "lines lost";
+  std::string twice;
+  for (long n : distinct)
+    if (seen.count(n) > 1) twice += " " + std::to_string(n);
+  EXPECT_EQ(long(seen.size()), kLines) << "lines indexed twice:" << twice;
+  if (!distinct.empty()) {
+    EXPECT_EQ(*distinct.begin(), 1);
+    EXPECT_EQ(*distinct.rbegin(), kLines);
+  }
+  long grepCount = shellNumber("cat " + file + "* | grep -c burst");
+  EXPECT_EQ(grepCount, kLines);
+}
+
+}  // namespace
