@@ -271,6 +271,109 @@ search_csv_demo() {
   rm -f "$VELMOR_HOME/var/run/velmor/top_errors.out"
 }
 
+# The number of events an index holds, from velmor-index info.
+events_in() {
+  "$BUILD/bin/velmor-index" info "$1" 2>/dev/null | awk '$1=="hot"||$1=="warm"||$1=="cold"{s+=$5} END{print s+0}'
+}
+
+# Stops a velmord of the demo home still running from an earlier demo.
+stop_service() {
+  local pidfile="$VELMOR_HOME/var/run/velmor/velmord.pid" pid i
+  [ -f "$pidfile" ] || return 0
+  pid=$(cat "$pidfile")
+  kill -TERM "$pid" 2>/dev/null || return 0
+  for i in $(seq 1 300); do
+    kill -0 "$pid" 2>/dev/null || return 0
+    sleep 0.1
+  done
+  echo "demo: velmord (pid $pid) did not stop in 30 s; killing it" >&2
+  kill -KILL "$pid" 2>/dev/null || true
+}
+
+# Starts velmord on the demo home following the sample logs into the index
+# "live", shows the events arriving, compares counts with grep, measures
+# how soon an appended line is found, rotates a file, and stops the
+# service.
+service_demo() {
+  local conf="$VELMOR_HOME/etc/bundles/local/indexes.conf" inputs="$VELMOR_HOME/etc/bundles/local/inputs.conf"
+  local total start now n i w file token t0 t1 pid
+  if ! grep -qx '\[live\]' "$conf" 2>/dev/null; then
+    cat >> "$conf" <<'EOF2'
+
+[live]
+homePath = $VELMOR_DB/live/db
+coldPath = $VELMOR_DB/live/colddb
+thawedPath = $VELMOR_DB/live/thaweddb
+# the sample events are days old: keep them
+frozenTimePeriodInSecs = 2147483647
+EOF2
+  fi
+  cat > "$inputs" <<EOF2
+# Written by the demo: velmord follows the sample logs into the index "live".
+[tail:$SAMPLES_DIR]
+index = live
+blacklist = /MANIFEST\$
+EOF2
+  stop_service
+  rm -rf "$VELMOR_DB/live" "$VELMOR_DB/fileseeks" "$VELMOR_HOME/var/lib/velmor/queues"
+  total=$(awk -F'\t' '{n += $2} END {print n}' "$MANIFEST")
+  echo "== Starting velmord, which follows $SAMPLES_DIR into the index 'live'"
+  start=$(date +%s.%N)
+  "$BUILD/bin/velmord" 2>&1 | grep -v '^Using logging configuration' | sed 's/^/   /'
+  pid=$(cat "$VELMOR_HOME/var/run/velmor/velmord.pid")
+  echo "   velmord runs (pid $pid); log: $VELMOR_HOME/var/log/velmor/velmord.log"
+  n=0
+  for i in $(seq 1 600); do
+    sleep 0.5
+    n=$(events_in live)
+    now=$(date +%s.%N)
+    if [ $((i % 2)) -eq 0 ] || [ "$n" -ge "$total" ]; then
+      awk -v a="$start" -v b="$now" -v n="$n" -v t="$total" 'BEGIN { printf "   %5.1f s: %7d of %d lines searchable\n", b - a, n, t }'
+    fi
+    [ "$n" -ge "$total" ] && break
+  done
+  awk -v a="$start" -v b="$now" -v n="$n" 'BEGIN { printf "   %d lines from files to searchable events in %.1f s (%.0f lines/s)\n", n, b - a, n / (b - a) }'
+  echo "== Counted by the service's index and by grep -ciw"
+  local all
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
+  for w in failed error; do
+    # shellcheck disable=SC2086
+    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$("$BUILD/bin/velmor-index" search live "$w" --count 1000000 | wc -l)" \
+      "$(cat $all | grep -ciw -- "$w" || true)"
+  done
+  file=$(cut -f1 "$MANIFEST" | sed -n 1p)
+  case "$file" in /*) ;; *) file="$SAMPLES_DIR/$file" ;; esac
+  token="demo$(date +%s%N)"
+  echo "== Appending a line to $file and searching for it"
+  t0=$(date +%s.%N)
+  echo "$(date -u +%Y-%m-%dT%H:%M:%SZ) demo-host appended line $token" >> "$file"
+  for i in $(seq 1 200); do
+    [ "$("$BUILD/bin/velmor-index" search live "$token" --count 1 | wc -l)" -ge 1 ] && break
+    sleep 0.05
+  done
+  t1=$(date +%s.%N)
+  awk -v a="$t0" -v b="$t1" 'BEGIN { printf "   found %.2f s after it was written\n", b - a }'
+  echo "== Rotating $file (rename, then a new file with 100 lines)"
+  mv "$file" "$file.1"
+  for i in $(seq 1 100); do echo "$(date -u +%Y-%m-%dT%H:%M:%SZ) demo-host rotated line $i"; done > "$file"
+  for i in $(seq 1 100); do
+    n=$(events_in live)
+    [ "$n" -ge $((total + 101)) ] && break
+    sleep 0.1
+  done
+  printf '   events: %d (expected %d: the samples, the appended line, 100 new lines; none twice)\n' "$n" $((total + 101))
+  echo "== Stopping velmord (SIGTERM: shutdown by levels)"
+  t0=$(date +%s.%N)
+  stop_service
+  t1=$(date +%s.%N)
+  awk -v a="$t0" -v b="$t1" 'BEGIN { printf "   stopped in %.1f s\n", b - a }'
+  grep -o 'shutdown level "[A-Za-z0-9]*" finished in .*' "$VELMOR_HOME/var/log/velmor/velmord.log" | tail -8 | sed 's/^/   /'
+  if [ "$n" -ne $((total + 101)) ]; then
+    echo "demo: the index 'live' holds $n events, not $((total + 101))" >&2
+    exit 1
+  fi
+}
+
 find_tools
 layout_home
 generate_samples
@@ -280,3 +383,4 @@ index_demo
 query_demo
 search_demo
 search_csv_demo
+service_demo

@@ -305,8 +305,10 @@ bool recordPath(const Str& text, Str& path) {
   return true;
 }
 
-std::unique_ptr<FileInputTracker>& singleton() {
-  static std::unique_ptr<FileInputTracker> tracker;
+// The process's tracker. It is never destroyed at exit: by then the log
+// facility may be gone, and its destructor logs.
+FileInputTracker*& singleton() {
+  static FileInputTracker* tracker = nullptr;
   return tracker;
 }
 Mutex& singletonMutex() {
@@ -324,14 +326,21 @@ FileInputTracker::~FileInputTracker() { gLogger.info("FileInputTracker destroyed
 
 FileInputTracker& FileInputTracker::instance() {
   ScopedLock lock(singletonMutex());
-  auto& t = singleton();
-  if (!t) t.reset(new FileInputTracker());
+  FileInputTracker*& t = singleton();
+  if (!t) t = new FileInputTracker();
   return *t;
+}
+
+FileInputTracker* FileInputTracker::existing() {
+  ScopedLock lock(singletonMutex());
+  return singleton();
 }
 
 void FileInputTracker::resetForTest() {
   ScopedLock lock(singletonMutex());
-  singleton().reset(new FileInputTracker());
+  FileInputTracker*& t = singleton();
+  delete t;
+  t = new FileInputTracker();
 }
 
 const Str& FileInputTracker::crcSaltKey() {

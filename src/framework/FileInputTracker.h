@@ -39,6 +39,8 @@
 class FileInputTracker {
  public:
   static FileInputTracker& instance();
+  // The tracker if one was made, else null (nothing is made).
+  static FileInputTracker* existing();
   ~FileInputTracker();
 
   // Decides where reading of the open file resumes. Fills initCRC, fileSize,

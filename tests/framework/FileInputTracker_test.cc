@@ -455,3 +455,67 @@ TEST_F(FileInputTrackerTest, CacheWindowAndResend) {
 }
 
 }  // namespace
+
+namespace {
+
+// After a crash the newest stored position may name data that never reached
+// the index: the verifier turns it down and the one before counts. A file
+// first read while shorter than the hashed head is found again by its path
+// once it has grown. A position carried by a queued event is taken into the
+// cache, so a restored queue's lines are not read again.
+TEST_F(FileInputTrackerTest, VerifiedShortHeadAndQueuedPositions) {
+  // Verified records.
+  write("v", text(2000, 1));
+  FileData d = data("v");
+  ASSERT_EQ(tracker().checkFile(d), 0);
+  for (uint64_t at : {400, 800}) {
+    d.seekPtr = at;
+    tracker().updateSeekCRC(d);
+    tracker().updateSeek(d);
+  }
+  index.records.back()->put(PipelineData::rawKey, index.records.back()->getStr(PipelineData::rawKey) + " lost");
+  restart();
+  tracker().setRecordVerifier([](const Str& text) { return text.find(" lost") == Str::npos; });
+  FileData again = data("v");
+  ASSERT_EQ(tracker().checkFile(again), 0);
+  EXPECT_EQ(again.seekPtr, 400u);
+  tracker().setRecordVerifier(nullptr);
+
+  // A short head, then growth.
+  write("s", text(100, 2));
+  readAll("s");
+  write("s", text(100, 2) + text(5000, 3));
+  restart();
+  FileData grown = data("s");
+  std::string log;
+  ASSERT_EQ(check(grown, log), 0);
+  EXPECT_EQ(grown.seekPtr, 100u);
+  EXPECT_NE(log.find("by its first 100 bytes"), std::string::npos) << log;
+  FileData other = data("s2");
+  write("s2", text(100, 4) + text(5000, 3));
+  ASSERT_EQ(tracker().checkFile(other), 0);
+  EXPECT_EQ(other.seekPtr, 0u) << "another file at another path is new";
+
+  // A position carried by an event.
+  write("q", text(3000, 5));
+  FileData q = data("q");
+  ASSERT_EQ(tracker().checkFile(q), 0);
+  q.seekPtr = 1600;
+  tracker().updateSeekCRC(q);
+  PipelineData event;
+  event.put(PipelineData::sourceKey, q.source);
+  event.put(PipelineData::seekAddrKey, "1600");
+  event.put(kInitCRCKey, Str::fromFormat("%llx", (unsigned long long)q.initCRC));
+  event.put(kSeekCRCKey, Str::fromFormat("%llx", (unsigned long long)q.seekCRC));
+  event.put(kModTimeKey, "1700000000");
+  restart();
+  EXPECT_TRUE(tracker().notePosition(event));
+  PipelineData bare;
+  bare.put(PipelineData::rawKey, "no position");
+  EXPECT_FALSE(tracker().notePosition(bare));
+  FileData queued = data("q");
+  ASSERT_EQ(tracker().checkFile(queued), 0);
+  EXPECT_EQ(queued.seekPtr, 1600u);
+}
+
+}  // namespace

@@ -111,10 +111,11 @@ IndexProcessor::~IndexProcessor() {
   if (_shutdownLevel) _shutdownLevel->unregisterHandler(this);
   stopServiceThread();
   if (DatabaseContainer::getProcessContainer() == this) DatabaseContainer::setProcessContainer(nullptr);
-  if (FileInputTracker::instance().queryRunner() == this) {
-    FileInputTracker::instance().setQueryRunner(nullptr);
-    FileInputTracker::instance().setRecordVerifier(nullptr);
-    FileInputTracker::instance().setRecordSink(nullptr);
+  FileInputTracker* tracker = FileInputTracker::existing();
+  if (tracker && tracker->queryRunner() == this) {
+    tracker->setQueryRunner(nullptr);
+    tracker->setRecordVerifier(nullptr);
+    tracker->setRecordSink(nullptr);
   }
   // The file tracker's index closes last: the last slices of the others
   // store their read positions in it as they close.

@@ -524,3 +524,98 @@ TEST_F(PolicyTest, ExportImportAndDelete) {
 }
 
 }  // namespace
+
+namespace {
+
+// Events of a followed file, with how far into the file each reaches.
+bool putFrom(DatabasePartitionPolicy& p, int i, const char* file, uint64_t offset) {
+  Str raw = Str::fromFormat("line %d of %s", i, file);
+  Str t = Str::fromFormat("%lld", (long long)(kBase + i));
+  FileProgress at;
+  at.initCRC = 0xabc;
+  at.seekCRC = offset * 7;
+  at.seekPtr = offset;
+  at.modTime = kBase;
+  WritableEvent ev;
+  ev.raw = StrSegment(raw);
+  ev.time = StrSegment(t);
+  ev.source = file;
+  ev.progress = &at;
+  return p.write(ev);
+}
+
+// Read positions reach the listener before the slice holding their events is
+// written, the newest per file; a listener that cannot store them keeps the
+// slice (and the positions) in memory for the next sync; after a crash the
+// stored position of a slice that never reached the disk is told apart
+// from one that did.
+TEST_F(PolicyTest, ReadPositionsAreStoredAheadOfTheirSlice) {
+  Pathname live = root / "live", snapshot = root / "snapshot";
+  struct Stored {
+    SourceProgress p;
+    size_t slicesOnDisk;  // slices of the hot bucket on disk when it was stored
+  };
+  auto slices = [&] {
+    size_t n = 0;
+    std::vector<Str> names;
+    (live / "db" / "db-hot").readDirectory(names);
+    for (const Str& name : names) n += name.endswith(".tsidx") ? 1 : 0;
+    return n;
+  };
+  std::vector<Stored> stored;
+  bool refuse = false;
+  {
+    DatabasePartitionPolicy policy(params(live));
+    policy.start();
+    policy.setSliceCommitListener([&](DatabasePartitionPolicy&, const std::vector<SourceProgress>& batch) {
+      if (refuse) return false;
+      for (const SourceProgress& sp : batch) stored.push_back({sp, slices()});
+      return true;
+    });
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(putFrom(policy, i, "/var/log/a.log", 100 * (i + 1)));
+    ASSERT_TRUE(putFrom(policy, 10, "/var/log/b.log", 50));
+    EXPECT_TRUE(policy.hasUncommittedProgress("/var/log/a.log"));
+    policy.sync(true);
+    ASSERT_EQ(stored.size(), 2u);
+    std::map<Str, SourceProgress> byFile;
+    for (const Stored& s : stored) byFile[s.p.source] = s.p;
+    EXPECT_EQ(byFile["/var/log/a.log"].at.seekPtr, 1000u) << "the newest event of the file";
+    EXPECT_EQ(byFile["/var/log/b.log"].at.seekPtr, 50u);
+    for (const Stored& s : stored) EXPECT_EQ(s.slicesOnDisk, 0u) << "stored before the slice was written";
+    EXPECT_EQ(slices(), 1u);
+    EXPECT_FALSE(policy.hasUncommittedProgress("/var/log/a.log"));
+    EXPECT_EQ(found(policy, {"line"}).size(), 11u);
+    SourceProgress committed = byFile["/var/log/a.log"];
+    EXPECT_TRUE(policy.isCommitted(committed.bucketId, committed.source, committed.address, committed.time));
+
+    // A store that fails holds the slice back; the positions wait with it.
+    refuse = true;
+    ASSERT_TRUE(putFrom(policy, 11, "/var/log/a.log", 1100));
+    policy.sync(true);
+    EXPECT_TRUE(policy.hasUncommittedProgress("/var/log/a.log"));
+    refuse = false;
+    ASSERT_TRUE(putFrom(policy, 12, "/var/log/a.log", 1200));
+    policy.sync(true);
+    ASSERT_EQ(stored.size(), 3u);
+    EXPECT_EQ(stored.back().p.at.seekPtr, 1200u);
+    EXPECT_EQ(found(policy, {"line"}).size(), 13u);
+
+    // A position stored just before a crash, for a slice that never came.
+    ASSERT_TRUE(live.copyToRecursive(snapshot));
+    ASSERT_TRUE(putFrom(policy, 13, "/var/log/a.log", 1300));
+    policy.sync(true);
+    ASSERT_EQ(stored.size(), 4u);
+  }
+  ASSERT_TRUE(live.removeRecursive());
+  ASSERT_TRUE(snapshot.copyToRecursive(live));
+  DatabasePartitionPolicy reopened(params(live));
+  reopened.start();
+  const SourceProgress& last = stored[3].p;
+  const SourceProgress& before = stored[2].p;
+  EXPECT_FALSE(reopened.isCommitted(last.bucketId, last.source, last.address, last.time));
+  EXPECT_TRUE(reopened.isCommitted(before.bucketId, before.source, before.address, before.time));
+  EXPECT_TRUE(reopened.isCommitted(before.bucketId + 100, before.source, before.address, before.time))
+      << "a bucket that is gone took its events with it";
+}
+
+}  // namespace
