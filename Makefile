@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 DEMO_HOME  ?= $(CURDIR)/demo-home
 
-.PHONY: all bootstrap build test test-fast asan demo bench bench-ingest fuzz clean
+.PHONY: all bootstrap build test test-fast asan demo bench bench-ingest bench-service fuzz clean
 
 all: build
 
@@ -43,6 +43,10 @@ bench: build
 # Ingest cost at scale against sqlite3 FTS5 and gzip (INGEST_BENCH_MB, default 1000).
 bench-ingest: build
 	bash bench/ingest_at_scale.sh $(BUILD)
+
+# velmord against velmor-index add: lines/s, append-to-found delay, restart with 1000 files (SERVICE_BENCH_MB, default 200).
+bench-service: build
+	bash bench/service_at_scale.sh $(BUILD)
 
 fuzz: bootstrap
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMOR_FUZZ=ON -DVELMOR_BENCH=OFF

@@ -316,10 +316,15 @@ blacklist = /MANIFEST\$
 EOF2
   stop_service
   rm -rf "$VELMOR_DB/live" "$VELMOR_DB/fileseeks" "$VELMOR_HOME/var/lib/velmor/queues"
-  total=$(awk -F'\t' '{n += $2} END {print n}' "$MANIFEST")
+  # Every line under the sample directory (an earlier demo may have appended
+  # and rotated), the MANIFEST aside.
+  total=$(find "$SAMPLES_DIR" -type f ! -name MANIFEST -exec cat {} + | wc -l)
   echo "== Starting velmord, which follows $SAMPLES_DIR into the index 'live'"
   start=$(date +%s.%N)
-  "$BUILD/bin/velmord" 2>&1 | grep -v '^Using logging configuration' | sed 's/^/   /'
+  "$BUILD/bin/velmord" > "$VELMOR_HOME/var/log/velmor/velmord.start" 2>&1 || {
+    cat "$VELMOR_HOME/var/log/velmor/velmord.start" >&2
+    exit 1
+  }
   pid=$(cat "$VELMOR_HOME/var/run/velmor/velmord.pid")
   echo "   velmord runs (pid $pid); log: $VELMOR_HOME/var/log/velmor/velmord.log"
   n=0
@@ -354,7 +359,7 @@ EOF2
   t1=$(date +%s.%N)
   awk -v a="$t0" -v b="$t1" 'BEGIN { printf "   found %.2f s after it was written\n", b - a }'
   echo "== Rotating $file (rename, then a new file with 100 lines)"
-  mv "$file" "$file.1"
+  mv "$file" "$file.$(date +%Y%m%d%H%M%S)"
   for i in $(seq 1 100); do echo "$(date -u +%Y-%m-%dT%H:%M:%SZ) demo-host rotated line $i"; done > "$file"
   for i in $(seq 1 100); do
     n=$(events_in live)

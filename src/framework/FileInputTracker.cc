@@ -761,7 +761,7 @@ bool FileInputTracker::Locked_queryShortHead(const FileDescriptor& fd, const Fil
   if (headStart(fd, data.fileSize, data.path(), start, read) != HeadStart::Ok) return false;
   char head[kBlock];
   ssize_t n = fd.pread(head, sizeof head, off_t(start));
-  if (n < ssize_t(sizeof head)) return false;  // still short: its hash is what was stored
+  if (n <= 1) return false;
   Str query;
   query.format("SEARCH filename::%s index::%s GET events::0-%d OUTPUT velmorui::2.1", data.path().c_str(),
                kTrackerIndex, kVerifiedRecords - 1);
@@ -780,7 +780,7 @@ bool FileInputTracker::Locked_queryShortHead(const FileDescriptor& fd, const Fil
     // The hash of a head shorter than the block: the file was that short
     // when its first lines were read and stored.
     size_t len = 0;
-    for (size_t k = 1; k < sizeof head && !len; ++k) {
+    for (size_t k = 1; k < size_t(n) && !len; ++k) {
       Md5 md5;
       md5.update(salt.data(), salt.size());
       md5.update(head, k);

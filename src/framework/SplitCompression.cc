@@ -90,11 +90,12 @@ void SplitCompression::scan() {
       _foundFiles.emplace(base, name);
       continue;
     }
-    // Both "N" and "N.gz": a gzip was cut short, and only the plain file is
-    // whole. The partial output goes, or the next compression would refuse.
-    Pathname stale = fileFor(base, true);
-    gLogger.warn("directory scan: removing partial file=%s", stale.c_str());
-    stale.unlink();
+    // Both "N" and "N.gz": a gzip is running (in the process that writes
+    // this journal) or was cut short; either way only the plain file is
+    // whole, and it is the one read. A reader leaves both alone: the gzip
+    // may well be finishing. The writer removes a partial output when it
+    // opens the journal for writing (no gzip of its own runs yet then).
+    _partialGz.push_back(base);
     it->second = fileFor(base, false).toLeaf();
   }
 }
@@ -125,6 +126,14 @@ int SplitCompression::flushHook(void* ctx) { return static_cast<SplitCompression
 
 void SplitCompression::openLocked() {
   if (_writeContext) return;
+  // Partial gzip outputs left by a crash of the last writer.
+  for (int64_t base : _partialGz) {
+    Pathname stale = fileFor(base, true);
+    if (!fileFor(base, false).exists()) continue;  // it finished after all
+    gLogger.warn("directory scan: removing partial file=%s", stale.c_str());
+    stale.unlink();
+  }
+  _partialGz.clear();
   const int64_t unit = int64_t(1) << _addressShift;
   int64_t base = 0;
   if (_nextBase >= 0) {

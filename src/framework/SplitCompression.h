@@ -30,6 +30,7 @@
 
 #include <cstdint>
 #include <map>
+#include <vector>
 #include <memory>
 #include <string_view>
 
@@ -113,6 +114,7 @@ class SplitCompression {
   bool _compress;
   std::unique_ptr<WriteContext> _writeContext;
   std::map<int64_t, Str> _foundFiles;  // base offset -> file name
+  std::vector<int64_t> _partialGz;     // bases found both plain and gzipped
   Mutex _writeMutex;  // the writer, its buffer and the roll; before _mutex
   size_t _writeBuffer = 0;
   Mutex _mutex;

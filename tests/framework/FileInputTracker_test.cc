@@ -491,6 +491,14 @@ TEST_F(FileInputTrackerTest, VerifiedShortHeadAndQueuedPositions) {
   ASSERT_EQ(check(grown, log), 0);
   EXPECT_EQ(grown.seekPtr, 100u);
   EXPECT_NE(log.find("by its first 100 bytes"), std::string::npos) << log;
+  // Grown, and still shorter than the head.
+  write("t", text(50, 6));
+  readAll("t");
+  write("t", text(50, 6) + text(30, 7));
+  restart();
+  FileData stillShort = data("t");
+  ASSERT_EQ(tracker().checkFile(stillShort), 0);
+  EXPECT_EQ(stillShort.seekPtr, 50u);
   FileData other = data("s2");
   write("s2", text(100, 4) + text(5000, 3));
   ASSERT_EQ(tracker().checkFile(other), 0);

@@ -421,3 +421,41 @@ TEST(SplitCompression, FailedFlushKeepsTheBuffer) {
   EXPECT_EQ(wc.endOffset(), 64);
   EXPECT_FALSE(wc.close());
 }
+
+namespace {
+
+// While the writing process gzips a rolled file, "N" and a growing "N.gz"
+// stand side by side. A reader opening the journal then reads the plain
+// file and touches neither (removing the ".gz" would lose the file once the
+// gzip replaces "N"); a writer opening it after a crash removes the partial
+// output and reads the plain file.
+TEST(SplitCompression, ReadersLeaveAGzipInProgressAlone) {
+  ScratchDir dir;
+  std::string raw = dir.path + "/rawdata";
+  std::vector<Event> events;
+  {
+    SplitCompression writer(Pathname(Str(raw)), 4096, 5, false);
+    for (int i = 0; i < 200; ++i) {
+      std::string text = "event " + std::to_string(i) + std::string(40, 'x');
+      events.push_back({writer.write(100 + i, text, "host::h"), 100 + i, text, "host::h"});
+    }
+    writer.close();
+  }
+  // "0" is a rolled, plain file; a gzip of it is under way.
+  std::string partial = raw + "/0.gz";
+  { std::ofstream(partial, std::ios::binary) << std::string("\x1f\x8b\x08", 3); }
+  {
+    SplitCompression reader(Pathname(Str(raw)), 4096, 5, true);
+    EXPECT_EQ(reader.files().begin()->second, "0");
+    expectEvent(reader, events.front(), nullptr);
+  }
+  EXPECT_TRUE(Pathname(Str(partial)).exists()) << "a reader removed the gzip in progress";
+  {
+    SplitCompression writer(Pathname(Str(raw)), 4096, 5, false);
+    writer.open();
+    EXPECT_FALSE(Pathname(Str(partial)).exists()) << "the writer leaves a partial output behind";
+    for (const Event& e : events) expectEvent(writer, e, nullptr);
+  }
+}
+
+}  // namespace

@@ -94,7 +94,8 @@ class Service {
     waitpid(_pid, nullptr, 0);
     _pid = -1;
   }
-  // SIGTERM; the exit status, or -1 when it had to be killed after 60 s.
+  // SIGTERM; the exit status, 128 + the signal when a signal ended it, or -1
+  // when it had to be killed after 60 s.
   int stop() {
     if (_pid <= 0) return -1;
     kill(_pid, SIGTERM);
@@ -103,7 +104,7 @@ class Service {
     while (Clock::now() < deadline) {
       if (waitpid(_pid, &st, WNOHANG) == _pid) {
         _pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
       }
       sleepMs(20);
     }
@@ -116,6 +117,8 @@ class Service {
   const ServiceHome& _home;
   pid_t _pid = -1;
 };
+
+std::string tailOf(const std::string& text, size_t n) { return text.size() > n ? text.substr(text.size() - n) : text; }
 
 // The numbers of "seq=<n>" of every event of the main index holding "burst".
 std::multiset<long> indexedSeqs(const ServiceHome& home) {
@@ -225,7 +228,8 @@ TEST(Velmord, EveryLineOnceThroughKillsStopsAndRotation) {
     // Interrupt at a different moment of the reading each time.
     sleepMs(int(40 + 97 * b % 400));
     if (b % 3 == 2) {
-      EXPECT_EQ(s.stop(), 0) << "burst " << b;
+      int status = s.stop();
+      EXPECT_EQ(status, 0) << "burst " << b << "; the log ends:\n" << tailOf(home.log(), 3000);
     } else {
       s.kill9();
     }

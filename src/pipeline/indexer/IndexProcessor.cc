@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -388,7 +389,29 @@ int IndexProcessor::execute(PipelineData& event) {
   ev.meta = StrSegment(event.getStr(PipelineData::metaKey));
   FileProgress progress;
   if (readProgress(event, progress)) ev.progress = &progress;
-  if (!p->write(ev)) return eDrop;
+  if (!p->write(ev)) {
+    // Nothing to store (blank text) is dropped. Any other failure (a full
+    // disk, an index that cannot be written) holds the pipeline and tries
+    // again: the queues before it fill, the inputs stop reading, and the
+    // read positions stay where the index is, so nothing is lost.
+    if (std::all_of(ev.raw.data(), ev.raw.data() + ev.raw.size(), [](char c) { return isspace((unsigned char)c); }))
+      return eDrop;
+    Str source = event.getStr(PipelineData::sourceKey);
+    gLogger.error("Unable to write an event of %s into the index %s; trying again every second", source.c_str(),
+                  index.c_str());
+    long tries = 1;
+    while (!_shutdown.load() && !p->isShutdownInProgress()) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      if (p->write(ev)) {
+        gLogger.info("Wrote the event of %s into the index %s after %ld tries", source.c_str(), index.c_str(),
+                     tries + 1);
+        return eOk;
+      }
+      if (++tries % 60 == 0)
+        gLogger.error("Still unable to write into the index %s after %ld tries", index.c_str(), tries);
+    }
+    return eDrop;
+  }
   if (event.has("_sync")) {
     gLogger.info("Syncing database");
     p->sync(true);

@@ -2,6 +2,7 @@
 // step, until the size rule finds nothing more to merge (with -f, until one
 // slice is left). The indexer starts it in the background for a directory
 // and waits for its exit.
+#include <dirent.h>
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -18,6 +19,25 @@ static void usage(FILE* out) {
           "  -h  show this help\n"
           "Exit status: 0 all directories done, 1 a merge failed, 2 bad usage.\n");
 }
+
+namespace {
+// True when the directory holds a slice file ("*.tsidx", gzipped or not);
+// also true when it cannot be listed, so that the engine reports why.
+bool hasSlices(const char* dir) {
+  DIR* d = opendir(dir);
+  if (!d) return true;
+  bool found = false;
+  while (struct dirent* e = readdir(d)) {
+    const char* name = e->d_name;
+    if (strstr(name, ".tsidx") != nullptr) {
+      found = true;
+      break;
+    }
+  }
+  closedir(d);
+  return found;
+}
+}  // namespace
 
 int main(int argc, char** argv) {
   int force = 0, verbose = 0, opt;
@@ -45,6 +65,12 @@ int main(int argc, char** argv) {
   int status = 0;
   for (int i = optind; i < argc; ++i) {
     const char* dir = argv[i];
+    // A bucket with no slice yet (an index nothing was written to) has
+    // nothing to merge; that is not a failure.
+    if (!hasSlices(dir)) {
+      if (verbose) printf("%s: 0 merges (no slices)\n", dir);
+      continue;
+    }
     st_handle* h = st_open_wflags(dir, 3);
     if (!h) {
       fprintf(stderr, "velmor-optimize: %s: cannot open index directory: %s\n", dir, strerror(errno));

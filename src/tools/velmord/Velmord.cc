@@ -1,5 +1,6 @@
 #include "tools/velmord/Velmord.h"
 
+#include <pthread.h>
 #include <signal.h>
 
 #include <functional>
@@ -96,11 +97,21 @@ int Velmord::run(const std::function<void(const Str& failure)>& started) {
   SignalHandler::instance().registerSignalHandler(this, SIGTERM);
   SignalHandler::instance().routeToEventLoop(&_loop, SIGINT);
   SignalHandler::instance().routeToEventLoop(&_loop, SIGTERM);
+  // Blocked since main() began (and so in every other thread): from now on
+  // this thread takes them, one that came meanwhile at once.
+  sigset_t stops;
+  sigemptyset(&stops);
+  sigaddset(&stops, SIGINT);
+  sigaddset(&stops, SIGTERM);
+  pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
   gLogger.info("velmord started: %lu pipelines running", (unsigned long)_pipelines->pipelines().size());
   started(Str());
 
   _loop.run();
 
+  // The loop is over: a late signal must neither kill the unwinding nor
+  // find a handler gone.
+  pthread_sigmask(SIG_BLOCK, &stops, nullptr);
   SignalHandler::instance().unrouteAll();
   _pipelines->joinPipelines();
   _pipelines.reset();

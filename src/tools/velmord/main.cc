@@ -17,6 +17,7 @@
 // starts), then Velmord::run on the main thread. Shutdown unwinds in reverse.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -119,6 +120,15 @@ int detach() {
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
+  // SIGINT and SIGTERM wait until the service can shut down in order: they
+  // stay blocked in every thread, and the main thread takes them once its
+  // loop handles them (Velmord::run). One that comes during start-up is
+  // then served at once.
+  sigset_t stops;
+  sigemptyset(&stops);
+  sigaddset(&stops, SIGINT);
+  sigaddset(&stops, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stops, nullptr);
   xml::init xmlGuard;
   LoaderInfo& li = LoaderInfo::getInstance();
   li.populateFromCommandLine(argc, argv);
