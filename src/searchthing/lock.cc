@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "searchthing/osfile.h"
@@ -47,9 +48,16 @@ static int fs_magic(const char* path, int64_t* magic) {
   return 0;
 }
 
+// The lock file holds the pid of its taker ("%ld\n"), so that a lock left
+// by a process that died can be told from one in use.
 static int local_lock(const char* lockname) {
   int fd = open(lockname, O_WRONLY | O_CREAT | O_EXCL, 0644);
   if (fd < 0) return errno == EEXIST ? 1 : -1;
+  char pid[24];
+  int n = snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(getpid()));
+  if (write(fd, pid, static_cast<size_t>(n)) != n) {
+    // An empty lock file still locks; it only cannot be told stale.
+  }
   close(fd);
   return 0;
 }
@@ -111,6 +119,22 @@ int st_lock(const char* path) {
     default:
       return -1;
   }
+}
+
+long st_lock_owner(const char* path) {
+  char lockname[kPathMax];
+  int n = snprintf(lockname, sizeof lockname, "%s.lock", path);
+  if (n < 0 || static_cast<size_t>(n) >= sizeof lockname) return 0;
+  int fd = open(lockname, O_RDONLY);
+  if (fd < 0) return 0;
+  char buf[32];
+  ssize_t got = read(fd, buf, sizeof buf - 1);
+  close(fd);
+  if (got <= 0) return 0;
+  buf[got] = '\0';
+  char* end = nullptr;
+  long pid = strtol(buf, &end, 10);
+  return pid > 0 && end && *end == '\n' ? pid : 0;
 }
 
 int st_unlock(const char* path) {

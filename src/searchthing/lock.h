@@ -1,6 +1,7 @@
 // lock: cross-process lock files for the engine.
 //
-// A lock on PATH is the file "PATH.lock" beside it, created exclusively. Only
+// A lock on PATH is the file "PATH.lock" beside it, created exclusively and
+// holding the pid of the process that took it (st_lock_owner). Only
 // file systems whose create-exclusive (or, on NFS, link) semantics are trusted
 // can be locked; on any other file system every lock attempt fails with -1.
 // Breaking a stale lock is guarded by a second lock, "PATH.m".
@@ -35,6 +36,10 @@ int st_unlock(const char* path);
 
 // 1 if "PATH.lock" exists, 0 if not, -1 on another stat error.
 int st_islocked(const char* path);
+
+// The pid written in "PATH.lock", or 0 when there is none (no file, an
+// empty file, a lock file of another form).
+long st_lock_owner(const char* path);
 
 // Retries st_lock every 10 ms while it returns 1, for up to `seconds`.
 // Returns the last result of st_lock.

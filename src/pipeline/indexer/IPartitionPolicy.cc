@@ -1,5 +1,8 @@
 #include "pipeline/indexer/IPartitionPolicy.h"
 
+#include <errno.h>
+#include <signal.h>
+
 #include <unistd.h>
 
 #include "libbundle/PropertiesMap.h"
@@ -11,14 +14,27 @@
 static Logger gLogger("IPartitionPolicy");
 
 bool IPartitionPolicy::lockDir(const Pathname& path) {
-  for (;;) {
+  for (int waited = 0;; ++waited) {
     int r = st_lock(path.c_str());
     if (r == 0) return true;
     if (r < 0) {
       gLogger.error("Unable to lock %s: %m", path.c_str());
       return false;
     }
-    gLogger.debug("%s is locked by another process, waiting", path.c_str());
+    // A lock whose taker has died (a process killed while it held it) is
+    // broken; one whose taker runs, or that names none, is waited for.
+    long owner = st_lock_owner(path.c_str());
+    if (owner > 0 && kill(pid_t(owner), 0) != 0 && errno == ESRCH && st_lock_owner(path.c_str()) == owner) {
+      gLogger.warn("Removing the lock %s.lock of process %ld, which is gone", path.c_str(), owner);
+      st_unlock(path.c_str());
+      continue;
+    }
+    if (waited == 10 || (waited > 0 && waited % 60 == 0))
+      gLogger.warn("%s is locked by %s; still waiting after %d s (remove %s.lock if no process holds it)",
+                   path.c_str(), owner > 0 ? Str::fromFormat("process %ld", owner).c_str() : "another process",
+                   waited, path.c_str());
+    else
+      gLogger.debug("%s is locked by another process, waiting", path.c_str());
     sleep(1);
   }
 }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -11,6 +13,7 @@
 
 #include "libbundle/PropertiesMap.h"
 #include "pipeline/indexer/LockContainer.h"
+#include "searchthing/lock.h"
 #include "util/Exceptions.h"
 #include "util/MainThread.h"
 
@@ -616,6 +619,32 @@ TEST_F(PolicyTest, ReadPositionsAreStoredAheadOfTheirSlice) {
   EXPECT_TRUE(reopened.isCommitted(before.bucketId, before.source, before.address, before.time));
   EXPECT_TRUE(reopened.isCommitted(before.bucketId + 100, before.source, before.address, before.time))
       << "a bucket that is gone took its events with it";
+}
+
+}  // namespace
+
+namespace {
+
+// A lock file left by a process that was killed while it held it (its pid
+// names no process) is broken; the index opens instead of waiting for ever.
+TEST_F(PolicyTest, LockOfAProcessThatIsGoneIsBroken) {
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  ASSERT_GT(child, 0);
+  waitpid(child, nullptr, 0);
+  Pathname at = root / "stale";
+  ASSERT_TRUE((at / "db").mkdir_p());
+  for (const char* dir : {"db", "colddb", "thaweddb"}) {
+    std::ofstream(at / (Str(dir) + ".lock")) << child << "\n";
+  }
+  {
+    DatabasePartitionPolicy policy(params(at));
+    policy.start();
+    ASSERT_TRUE(put(policy, 1));
+    EXPECT_TRUE(policy.rollHotDb()) << "the roll takes the directory locks";
+  }
+  for (const char* dir : {"db", "colddb", "thaweddb"}) EXPECT_FALSE((at / (Str(dir) + ".lock")).exists()) << dir;
+  EXPECT_EQ(st_lock_owner((at / "db").c_str()), 0);
 }
 
 }  // namespace
