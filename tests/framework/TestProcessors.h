@@ -21,6 +21,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -41,10 +42,10 @@ class Sink {
  public:
   static Sink& get(const std::string& name) {
     static std::mutex m;
-    static std::map<std::string, Sink*> all;
+    static std::map<std::string, std::unique_ptr<Sink>> all;
     std::lock_guard<std::mutex> l(m);
-    Sink*& s = all[name];
-    if (!s) s = new Sink();
+    std::unique_ptr<Sink>& s = all[name];
+    if (!s) s = std::make_unique<Sink>();
     return *s;
   }
   void add(const std::string& v) {
