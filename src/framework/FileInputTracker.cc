@@ -727,19 +727,26 @@ bool FileInputTracker::Locked_queryIndex(const FileData& data, FileData& stored)
   return false;
 }
 
-bool FileInputTracker::notePosition(const PipelineData& event) {
+bool FileInputTracker::readPosition(const PipelineData& event, FileData& data) {
   const Str& seek = event.getStr(PipelineData::seekAddrKey);
   const Str& init = event.getStr(kInitCRCKey);
-  const Str& source = event.getStr(PipelineData::sourceKey);
-  if (seek.empty() || init.empty() || source.empty()) return false;
-  FileData d;
+  if (seek.empty() || init.empty()) return false;
   char* end = nullptr;
-  d.seekPtr = strtoull(seek.c_str(), &end, 10);
+  data.seekPtr = strtoull(seek.c_str(), &end, 10);
   if (*end) return false;
-  d.initCRC = strtoull(init.c_str(), &end, 16);
-  if (*end || d.initCRC == 0) return false;
-  d.seekCRC = strtoull(event.getStr(kSeekCRCKey).c_str(), &end, 16);
-  d.modTime = d.storedModTime = event.getStr(kModTimeKey).toLong(0);
+  data.initCRC = strtoull(init.c_str(), &end, 16);
+  if (*end || data.initCRC == 0) return false;
+  data.seekCRC = strtoull(event.getStr(kSeekCRCKey).c_str(), &end, 16);
+  if (*end) return false;
+  data.modTime = event.getStr(kModTimeKey).toLong(0);
+  return true;
+}
+
+bool FileInputTracker::notePosition(const PipelineData& event) {
+  const Str& source = event.getStr(PipelineData::sourceKey);
+  FileData d;
+  if (source.empty() || !readPosition(event, d)) return false;
+  d.storedModTime = d.modTime;
   d.source = source;
   ScopedLock lock(_mutex);
   auto it = _byCRC.find(d.initCRC);

@@ -66,6 +66,10 @@ class FileInputTracker {
   // restored at start is not read again, while the stored position stays
   // what the index holds. False when the event carries none.
   bool notePosition(const PipelineData& event);
+  // The position an event of a followed file carries (seekaddr and the keys
+  // of FileData.h) into data's initCRC, seekCRC, seekPtr and modTime; false
+  // when it carries none or they cannot be read.
+  static bool readPosition(const PipelineData& event, FileData& data);
 
   // Hashes the bytes before data.seekPtr into data.seekCRC.
   void updateSeekCRC(const FileDescriptor& fd, FileData& data);

@@ -220,18 +220,12 @@ const char kCommitToken[] = " commit::";
 // The progress keys of an event of a followed file; false when it has none
 // (or they cannot be read, in which case the event is written without).
 bool readProgress(const PipelineData& event, FileProgress& out) {
-  const Str& seek = event.getStr(PipelineData::seekAddrKey);
-  const Str& init = event.getStr(kInitCRCKey);
-  if (seek.empty() || init.empty()) return false;
-  char* end = nullptr;
-  out.seekPtr = strtoull(seek.c_str(), &end, 10);
-  if (*end) return false;
-  out.initCRC = strtoull(init.c_str(), &end, 16);
-  if (*end) return false;
-  const Str& crc = event.getStr(kSeekCRCKey);
-  out.seekCRC = strtoull(crc.c_str(), &end, 16);
-  if (*end) return false;
-  out.modTime = event.getStr(kModTimeKey).toLong(0);
+  FileData d;
+  if (!FileInputTracker::readPosition(event, d)) return false;
+  out.initCRC = d.initCRC;
+  out.seekCRC = d.seekCRC;
+  out.seekPtr = d.seekPtr;
+  out.modTime = d.modTime;
   return true;
 }
 
