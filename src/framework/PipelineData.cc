@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 
 #include "libbundle/PropertiesMap.h"
 
@@ -54,7 +55,10 @@ const std::unordered_map<std::string_view, PipelineData::SharedStr>& wellKnownKe
           &PipelineData::signatureKey, &PipelineData::seekAddrKey, &PipelineData::blockSignatureKey,
           &PipelineData::signedSourceKey, &PipelineData::hostField, &PipelineData::sourceField,
           &PipelineData::sourceTypeField, &PipelineData::cdKey}) {
-      auto shared = std::make_shared<const Str>(*k);
+      // The shared key is the constant itself (no owner: it lives as long
+      // as the program), so a lookup by the constant finds its pair by the
+      // address of its text.
+      PipelineData::SharedStr shared(PipelineData::SharedStr(), k);
       t->emplace(std::string_view(*shared), shared);
     }
     return t;
@@ -64,6 +68,10 @@ const std::unordered_map<std::string_view, PipelineData::SharedStr>& wellKnownKe
 
 const Str kEmpty;
 const Str kOne = "1";
+
+bool sameText(const Str& k, std::string_view key) {
+  return k.size() == key.size() && std::memcmp(k.data(), key.data(), key.size()) == 0;
+}
 
 void putU32(Str& out, uint32_t v) { out.append(reinterpret_cast<const char*>(&v), sizeof v); }
 
@@ -102,42 +110,58 @@ bool PipelineData::checkPutSpecial(std::string_view key, const SharedStr& value)
   return true;
 }
 
+// Keys put by their constants are the constants themselves: a first pass
+// compares the addresses of the texts only, the second the texts.
+PipelineData::Map::const_iterator PipelineData::find(std::string_view key) const {
+  for (auto it = _map.begin(); it != _map.end(); ++it)
+    if (it->first->data() == key.data() && it->first->size() == key.size()) return it;
+  for (auto it = _map.begin(); it != _map.end(); ++it)
+    if (sameText(*it->first, key)) return it;
+  return _map.end();
+}
+
+PipelineData::Map::iterator PipelineData::find(std::string_view key) {
+  auto it = static_cast<const PipelineData*>(this)->find(key);
+  return _map.begin() + (it - _map.cbegin());
+}
+
 PipelineData::SharedStr PipelineData::get(std::string_view key) const {
   if (key == isTokenizedKey && _isTokenized) return std::make_shared<const Str>(kOne);
-  auto it = _map.find(key);
+  auto it = find(key);
   if (it == _map.end()) throw KeyNotFoundException("This key could not be found : " + std::string(key));
   return it->second;
 }
 
 PipelineData::SharedStr PipelineData::getIfAvail(std::string_view key) const {
-  auto it = _map.find(key);
+  auto it = find(key);
   return it == _map.end() ? nullptr : it->second;
 }
 
 const char* PipelineData::getIfAvailCStr(std::string_view key) const {
-  auto it = _map.find(key);
+  auto it = find(key);
   return it == _map.end() || !it->second ? nullptr : it->second->c_str();
 }
 
 const Str& PipelineData::getStr(std::string_view key) const {
-  auto it = _map.find(key);
+  auto it = find(key);
   return it == _map.end() || !it->second ? kEmpty : *it->second;
 }
 
-bool PipelineData::contains(std::string_view key) const { return _map.find(key) != _map.end(); }
+bool PipelineData::contains(std::string_view key) const { return find(key) != _map.end(); }
 
 void PipelineData::put(std::string_view key, SharedStr value) {
   if (checkPutSpecial(key, value)) return;
-  auto it = _map.find(key);
+  auto it = find(key);
   if (it != _map.end()) {
     it->second = std::move(value);
     return;
   }
-  _map.emplace(internKey(key), std::move(value));
+  if (_map.empty()) _map.reserve(kReserved);
+  _map.emplace_back(internKey(key), std::move(value));
 }
 
 void PipelineData::append(std::string_view key, const Str& text) {
-  auto it = _map.find(key);
+  auto it = find(key);
   if (it == _map.end() || !it->second) {
     put(key, text);
     return;
@@ -155,7 +179,7 @@ void PipelineData::remove(std::string_view key) {
     _isTokenized = false;
     return;
   }
-  auto it = _map.find(key);
+  auto it = find(key);
   if (it != _map.end()) _map.erase(it);
 }
 
@@ -210,17 +234,17 @@ std::shared_ptr<PipelineData> PipelineData::clone(bool deep) const {
   auto out = std::make_shared<PipelineData>();
   out->_isTokenized = _isTokenized;
   out->_map.reserve(_map.size());
-  for (const auto& [k, v] : _map) out->_map.emplace(k, deep && v ? std::make_shared<const Str>(*v) : v);
+  for (const auto& [k, v] : _map) out->_map.emplace_back(k, deep && v ? std::make_shared<const Str>(*v) : v);
   return out;
 }
 
 void PipelineData::mergeFrom(const PipelineData& other) {
   for (const auto& [k, v] : other._map) {
-    auto it = _map.find(std::string_view(*k));
+    auto it = find(std::string_view(*k));
     if (it != _map.end())
       it->second = v;
     else
-      _map.emplace(k, v);
+      _map.emplace_back(k, v);
   }
   _isTokenized = _isTokenized || other._isTokenized;
 }
@@ -246,7 +270,7 @@ bool PipelineData::ressurrect(const char* data, size_t n) {
   // Each pair needs at least its two lengths: a count beyond that is corrupt,
   // and must not make us reserve a huge table.
   if (count > size_t(end - p) / 8) return false;
-  _map.reserve(count);
+  _map.reserve(std::max<size_t>(count, kReserved));
   Str k;
   for (uint32_t i = 0; i < count; ++i) {
     auto v = std::make_shared<Str>();
@@ -270,7 +294,7 @@ void PipelineData::defaultConf(Str& out) const {
 }
 
 const Str& PipelineData::defaultConf(bool rebuild) {
-  auto it = _map.find(std::string_view(confKey));
+  auto it = find(std::string_view(confKey));
   if (it == _map.end() || !it->second || rebuild) {
     auto v = std::make_shared<Str>();
     defaultConf(*v);

@@ -10,9 +10,9 @@
 //
 // Keys and values are shared strings: copying a record copies pointers, not
 // text, and a put of a well-known key reuses one process-wide key string, so
-// a record of the usual keys costs no key allocation. The map hashes keys by
-// djb2 over their text and compares them by text. The flag `_isTokenized` is
-// held beside the map, never in it.
+// a record of the usual keys costs no key allocation. The pairs stand in a
+// small vector searched by the key's text. The flag `_isTokenized` is held
+// beside the pairs, never among them.
 //
 // Serialised form (serialize / ressurrect), native byte order:
 //
@@ -30,7 +30,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "util/Exceptions.h"
@@ -83,23 +83,11 @@ class PipelineData {
   static const Str sourceTypeField;    // "sourcetype"
   static const Str cdKey;              // "_cd": "<bucket id>:<address>"
 
-  struct KeyHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view s) const {
-      size_t h = 5381;  // djb2
-      for (unsigned char c : s) h = h * 33 + c;
-      return h;
-    }
-    size_t operator()(const SharedStr& s) const { return (*this)(std::string_view(*s)); }
-  };
-  struct KeyEq {
-    using is_transparent = void;
-    static std::string_view v(std::string_view s) { return s; }
-    static std::string_view v(const SharedStr& s) { return *s; }
-    template <class A, class B>
-    bool operator()(const A& a, const B& b) const { return v(a) == v(b); }
-  };
-  using Map = std::unordered_map<SharedStr, SharedStr, KeyHash, KeyEq>;
+  // The pairs, in the order they were first put. A record holds a dozen keys
+  // or so: a linear search by length and bytes beats hashing them, and the
+  // whole record is one allocation for the pairs (reserved up front).
+  using Entry = std::pair<SharedStr, SharedStr>;
+  using Map = std::vector<Entry>;
   using const_iterator = Map::const_iterator;
 
   PipelineData() = default;
@@ -178,6 +166,9 @@ class PipelineData {
  private:
   static SharedStr internKey(std::string_view key);
   bool checkPutSpecial(std::string_view key, const SharedStr& value);
+  Map::iterator find(std::string_view key);
+  Map::const_iterator find(std::string_view key) const;
+  static constexpr size_t kReserved = 16;
 
   Map _map;
   bool _isTokenized = false;
