@@ -164,8 +164,11 @@ ssize_t TailedFile::readLines(std::vector<char>& buf, size_t maxBytes, Out& out)
   if (_headBytes < kHead && readPos + uint64_t(n) > _headBytes) refreshHead();
   struct stat st;
   if (_fd.stat(st)) data.modTime = static_cast<int64_t>(st.st_mtime);
-  const size_t firstLine = out.size();
-  const char* p = buf.data();
+  // Each line sent carries the progress up to its end: putProgress hashes
+  // the bytes before it from the window (what came before this read) and
+  // the chunk.
+  const char* chunk = buf.data();
+  const char* p = chunk;
   const char* end = p + n;
   uint64_t off = readPos;  // file offset of p
   while (p < end) {
@@ -182,6 +185,7 @@ ssize_t TailedFile::readLines(std::vector<char>& buf, size_t maxBytes, Out& out)
       p += room;
       off += room;
       emit(std::move(piece), off, out);
+      putProgress(*out.back(), chunk, p);
       continue;
     }
     if (nl == nullptr) {
@@ -200,13 +204,7 @@ ssize_t TailedFile::readLines(std::vector<char>& buf, size_t maxBytes, Out& out)
     p = nl + 1;
     off += segLen + 1;
     emit(std::move(line), off, out);
-  }
-  // The progress of each line sent from this read.
-  const char* chunk = buf.data();
-  for (size_t i = firstLine; i < out.size(); ++i) {
-    PipelineData& r = *out[i];
-    uint64_t at = r.getStr(PipelineData::seekAddrKey).toUnsignedLong(0);
-    if (at > readPos && at <= readPos + uint64_t(n)) putProgress(r, chunk, chunk + (at - readPos));
+    putProgress(*out.back(), chunk, p);
   }
   readPos += static_cast<uint64_t>(n);
   slideWindow(chunk, size_t(n));
