@@ -90,51 +90,50 @@ class Md5 {
   bool _ok;
 };
 
-// Reads [from, to) of fd in blocks, feeding each to md5. `read` counts the
-// bytes read. False (logged) on a read error or an early end of file.
-bool hashRange(const FileDescriptor& fd, uint64_t from, uint64_t to, Md5& md5, uint64_t& read) {
+// Reads [from, to) of fd block by block, handing each to visit(block, n,
+// offset), which returns false to stop early. `read` counts the bytes read.
+// Returns 1 when the range was read whole, 0 when visit stopped, -1 on a
+// read error (logged) and -2 at an early end of file.
+template <typename Visit>
+int readBlocks(const FileDescriptor& fd, uint64_t from, uint64_t to, uint64_t& read, Visit visit) {
   char buf[kBlock];
-  uint64_t pos = from;
-  while (pos < to) {
-    size_t want = size_t(std::min<uint64_t>(kBlock, to - pos));
-    ssize_t n = fd.pread(buf, want, off_t(pos));
+  for (uint64_t pos = from; pos < to;) {
+    ssize_t n = fd.pread(buf, size_t(std::min<uint64_t>(kBlock, to - pos)), off_t(pos));
     if (n < 0) {
       gLogger.error("Error reading CRC: %m");
-      return false;
+      return -1;
     }
-    if (n == 0) {
-      gLogger.warn("Hit EOF while computing CRC: %llu/%llu.", (unsigned long long)(pos - from),
-                   (unsigned long long)(to - from));
-      return false;
-    }
-    md5.update(buf, size_t(n));
-    pos += uint64_t(n);
+    if (n == 0) return -2;
     read += uint64_t(n);
+    if (!visit(buf, size_t(n), pos)) return 0;
+    pos += uint64_t(n);
   }
-  return true;
+  return 1;
 }
 
-// The offset just past the line that starts at `from` (blocks read one by
-// one); false when the file ends first or cannot be read.
+// Feeds [from, to) of fd to md5. False (logged) on a read error or an early
+// end of file.
+bool hashRange(const FileDescriptor& fd, uint64_t from, uint64_t to, Md5& md5, uint64_t& read) {
+  uint64_t before = read;
+  int rc = readBlocks(fd, from, to, read, [&](const char* b, size_t n, uint64_t) {
+    md5.update(b, n);
+    return true;
+  });
+  if (rc == -2)
+    gLogger.warn("Hit EOF while computing CRC: %llu/%llu.", (unsigned long long)(read - before),
+                 (unsigned long long)(to - from));
+  return rc == 1;
+}
+
+// The offset just past the line that starts at `from`; false when the file
+// ends first or cannot be read.
 bool skipLine(const FileDescriptor& fd, uint64_t from, uint64_t size, uint64_t& next, uint64_t& read) {
-  char buf[kBlock];
-  uint64_t pos = from;
-  while (pos < size) {
-    size_t want = size_t(std::min<uint64_t>(kBlock, size - pos));
-    ssize_t n = fd.pread(buf, want, off_t(pos));
-    if (n <= 0) {
-      if (n < 0) gLogger.error("Error reading CRC: %m");
-      return false;
-    }
-    read += uint64_t(n);
-    const void* nl = memchr(buf, '\n', size_t(n));
-    if (nl) {
-      next = pos + uint64_t(static_cast<const char*>(nl) - buf) + 1;
-      return true;
-    }
-    pos += uint64_t(n);
-  }
-  return false;
+  int rc = readBlocks(fd, from, size, read, [&](const char* b, size_t n, uint64_t at) {
+    const void* nl = memchr(b, '\n', n);
+    if (nl) next = at + uint64_t(static_cast<const char*>(nl) - b) + 1;
+    return nl == nullptr;
+  });
+  return rc == 0;
 }
 
 // One byte at `at`, or -1 when it cannot be read.
