@@ -30,6 +30,10 @@
 #include "util/Str.h"
 
 class StrSegment;
+class TimeFormat;
+class TimeGuesser;
+struct TimeFormatRawParseResult;
+struct ExtraTimevalParseInfo;
 
 class Timeval {
  public:
@@ -80,6 +84,13 @@ class Timeval {
 
   Str serialize() const;
   bool resurrect(const StrSegment& text);
+
+  // Completes `parse` with `guesser` and sets this time; false when the fields cannot make a time.
+  // `extra` may be null.
+  bool set(const TimeFormatRawParseResult& parse, TimeGuesser& guesser, ExtraTimevalParseInfo* extra);
+  // rawParse with `format`, then set().
+  bool parse(const char* begin, const char* end, const TimeFormat& format, TimeGuesser& guesser,
+             ExtraTimevalParseInfo* extra);
 
   friend bool operator==(const Timeval& a, const Timeval& b) {
     return a._sec == b._sec && a._usec == b._usec;
