@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "libbundle/PropertiesMap.h"
+#include "util/ExtraTimevalParseInfo.h"
 
 const Str PipelineData::rawKey = "_raw";
 const Str PipelineData::confKey = "_conf";
@@ -332,3 +333,33 @@ void PipelineData::load(const PropertiesMap& stanza, const Str& stanzaName) {
 }
 
 void PipelineData::addMetaNoTimestamp() { append(metaKey, "timestamp::none"); }
+
+void PipelineData::addMetaTimeInfo(const Timeval*, const ExtraTimevalParseInfo* info) {
+  static const char* const kMonths[] = {"january", "february", "march",     "april",   "may",      "june",
+                                        "july",    "august",   "september", "october", "november", "december"};
+  static const char* const kDays[] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
+  if (!info || info->precision < -2) {
+    addMetaNoTimestamp();
+    return;
+  }
+  char buf[320];
+  size_t n = 0;
+  auto add = [&](const char* fmt, auto... args) {
+    int w = snprintf(buf + n, sizeof buf - n, fmt, args...);
+    if (w > 0) n = std::min(sizeof buf - 1, n + size_t(w));
+  };
+  if (info->precision > 0) {
+    size_t digits = strnlen(info->subsecond, sizeof info->subsecond);
+    if (digits > 0) add(" _subsecond:.%.*s", int(digits), info->subsecond);
+  }
+  if (info->precision >= 0) add(" date_second::%d", info->second);
+  if (info->precision >= -1) add(" date_hour::%d date_minute::%d", info->hour, info->minute);
+  const char* month = info->month >= 0 && info->month < 12 ? kMonths[info->month] : "unknown";
+  const char* wday = info->wday >= 0 && info->wday < 7 ? kDays[info->wday] : "unknown";
+  add(" date_year::%d date_month::%s date_mday::%d date_wday::%s", info->year, month, info->mday, wday);
+  if (info->zoneKnown)
+    add(" date_zone::%ld", long(info->zoneOffset / 60));
+  else
+    add(" date_zone::local");
+  append(metaKey, Str(std::string(buf + 1, n - 1)));
+}

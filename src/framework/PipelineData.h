@@ -37,6 +37,8 @@
 #include "util/Str.h"
 
 class PropertiesMap;
+class Timeval;
+struct ExtraTimevalParseInfo;
 
 // The callback of PipelineData::iterate.
 class PipelineDataKeyValueAcceptor {
@@ -162,6 +164,14 @@ class PipelineData {
 
   // Appends " timestamp::none" to `_meta`.
   void addMetaNoTimestamp();
+  // Appends the date terms of a parsed time to `_meta`, as precise as the
+  // parse was: " _subsecond:.<digits>" with subseconds, " date_second::%d"
+  // from seconds, " date_hour::%d date_minute::%d" from minutes, then always
+  // " date_year::%d date_month::%s date_mday::%d date_wday::%s" (lower-case
+  // English names) and " date_zone::<minutes east>" or " date_zone::local".
+  // With less than a day known, addMetaNoTimestamp() instead. `time` may be
+  // null; the fields come from `info`.
+  void addMetaTimeInfo(const Timeval* time, const ExtraTimevalParseInfo* info);
 
  private:
   static SharedStr internKey(std::string_view key);

@@ -1,0 +1,78 @@
+#include "pipeline/analysis/AggregatorProcessor.h"
+
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+
+#include "util/ExtraTimevalParseInfo.h"
+#include "util/Logger.h"
+#include "util/Timeval.h"
+
+static Logger gLogger("AggregatorMiningProcessor");
+
+AggregatorProcessor::AggregatorProcessor() = default;
+AggregatorProcessor::~AggregatorProcessor() = default;
+
+const PluginFactory& AggregatorProcessor::factory() {
+  static const SimplePluginFactory<AggregatorProcessor> f("aggregatorprocessor");
+  return f;
+}
+
+void AggregatorProcessor::init(const xml::node&, const xml::node&) {}
+
+int AggregatorProcessor::execute(std::shared_ptr<PipelineData>& record) {
+  if (!record) return eDrop;
+  const char* source = record->getIfAvailCStr(PipelineData::sourceKey);
+  try {
+    if (!source) return eOk;
+    const Str& key = record->defaultConf(false);
+    auto it = _aggregators.find(key);
+    if (it == _aggregators.end()) {
+      auto made = std::make_unique<Aggregator>(key);
+      made->dateParser().setDateByString(StrSegment(source));
+      it = _aggregators.emplace(key, std::move(made)).first;
+    }
+    Aggregator& aggregator = *it->second;
+
+    PipelineData::SharedStr done = record->getIfAvail(PipelineData::doneKey);
+    std::shared_ptr<PipelineData> line = record;
+    if (done) {
+      gLogger.info("Got done message for: %s", source);
+      line.reset();
+    }
+    std::shared_ptr<PipelineData> result = aggregator.processLine(line);
+    if (result) putTimestamp(aggregator, *result);
+    if (done) {
+      _aggregators.erase(it);
+      if (result) result->put(PipelineData::doneKey, done);
+    }
+    if (!result) return eDrop;
+    record = std::move(result);
+    return eOk;
+  } catch (const std::exception& e) {
+    gLogger.error("Uncaught exception in Aggregator for source: %s, skipping this event", source ? source : "NULL");
+    gLogger.debug("The exception was: %s", e.what());
+    return eDrop;
+  }
+}
+
+void AggregatorProcessor::putTimestamp(Aggregator& aggregator, PipelineData& record) {
+  Timeval reference;
+  const char* given = record.getIfAvailCStr(PipelineData::timeKey);
+  unsigned long seconds = given ? strtoul(given, nullptr, 10) : 0;
+  if (seconds != 0 && seconds != ULONG_MAX)
+    reference.set(int64_t(seconds), 0);
+  else
+    reference.setToNow();
+
+  Timeval out;
+  ExtraTimevalParseInfo extra;
+  const Str& raw = record.getStr(PipelineData::rawKey);
+  if (aggregator.dateParser().parseDate(out, StrSegment(raw.data(), raw.size()), reference, extra)) {
+    if (aggregator.indexDateElements()) record.addMetaTimeInfo(&out, &extra);
+    record.setTimeKey((unsigned long)out.sec());
+  } else {
+    if (aggregator.indexDateElements()) record.addMetaNoTimestamp();
+    if (!given) record.setTimeKey((unsigned long)time(nullptr));
+  }
+}
