@@ -278,6 +278,13 @@ bool PropertiesMapConfig::reloadIfChanged() {
 // --- reading -----------------------------------------------------------------
 
 PropertiesMap* PropertiesMapConfig::Locked_get(const Str& stanza, bool useRegex) {
+  // A stanza head loses its "sourcetype::" when read, so a lookup by the
+  // prefixed name (a record's stanza path holds "sourcetype::x") finds "x".
+  static const char kTypePrefix[] = "sourcetype::";
+  if (stanza.startswith(kTypePrefix)) {
+    PropertiesMap* typed = _settings.find(Str(stanza.c_str() + sizeof kTypePrefix - 1));
+    if (typed != nullptr) return typed;
+  }
   PropertiesMap* exact = _settings.find(stanza);
   if (exact != nullptr || !useRegex) return exact;
   for (auto& [name, pattern] : _patterns) {

@@ -90,6 +90,10 @@ TEST(PropertyPagesLayers, FillLayersPrecedence) {
        "r{d=dd;empty=;k=default-host;l=learned;list=a,b,c;onlymid=m;short=$+;x=foobar}"},
       {"sourcetype|host::h",
        "r{d=dd;empty=;k=local-st;l=learned;list=a,b,c;onlymid=m;short=$+;x=foobar}"},
+      // A record's path names its type "sourcetype::x"; the head [sourcetype::x]
+      // was read as [x], and the lookup finds it either way.
+      {"sourcetype::sourcetype",
+       "r{d=dd;empty=;k=local-st;l=learned;onlymid=m;short=$+;x=foobar}"},
       // Empty names are passed over; defaults come last even with no stanza.
       {"||", "r{d=dd;k=default-default;l=learned}"},
       {"unknown", "r{d=dd;k=default-default;l=learned}"},
