@@ -1,12 +1,6 @@
 #include "pipeline/input/TailingProcessor.h"
 
 #include <errno.h>
-#include <string.h>
-
-#include "framework/ShutdownLevel.h"
-#include "framework/ShutdownManager.h"
-
-#include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -16,6 +10,8 @@
 #include <algorithm>
 
 #include "framework/FileInputTracker.h"
+#include "framework/ShutdownLevel.h"
+#include "framework/ShutdownManager.h"
 #include "libbundle/PropertyPages.h"
 #include "libbundle/SettingsMap.h"
 #include "loaderinfo/LoaderInfo.h"
@@ -32,6 +28,7 @@ constexpr int64_t kPollMs = 250;           // how often followed files are looke
 constexpr int64_t kWaitMs = 100;           // longest wait of createPipelineData
 constexpr int64_t kPartialHoldMs = 3000;   // an unfinished last line goes out after this
 constexpr int64_t kDrainGraceMs = 1000;    // a renamed or deleted file may still grow this long
+constexpr int64_t kQuietMs = 3000;         // a file unchanged this long ends its last event
 constexpr size_t kHeadCheck = 4096;        // a NUL byte in this much makes a file binary
 constexpr const char kPrefix[] = "tail:";
 
@@ -355,8 +352,11 @@ bool TailingProcessor::poll(std::unique_ptr<TailedFile>& fp, int64_t nowMs) {
     }
     return true;
   }
-  if (f.hasPartial() && nowMs - f.partialSinceMs >= kPartialHoldMs) {
-    f.flushPartial(_out);
+  if (f.hasPartial() && nowMs - f.partialSinceMs >= kPartialHoldMs) f.flushPartial(_out);
+  if (!f.hasPartial() && f.sentPos != f.recordedPos && nowMs - f.lastGrowthMs >= kQuietMs) {
+    // Quiet: the event the line merger holds open for this file is ended
+    // (the done record), and only then its position recorded.
+    f.pushDone(_out);
     f.pushSeek(_out);
   }
   return true;
@@ -389,7 +389,12 @@ bool TailingProcessor::readChunk(TailedFile& f, int64_t nowMs) {
     _moreToRead = true;
     return true;
   }
+  const size_t before = _out.size();
   ssize_t n = f.readLines(_buf, TailedFile::kMaxLine, _out);
+  // The tracker's cache learns how far the lines sent reach, so that the
+  // same file found again (renamed, compressed, or by a restarted input)
+  // goes on from there; the position record itself waits for the done one.
+  if (_out.size() > before) FileInputTracker::instance().notePosition(*_out.back());
   if (n < 0) {
     gLogger.warn("Cannot read %s: %m; it is finished", f.path().c_str());
     return false;
@@ -399,7 +404,6 @@ bool TailingProcessor::readChunk(TailedFile& f, int64_t nowMs) {
     if (f.hasPartial()) f.partialSinceMs = nowMs;
     if (size_t(n) == TailedFile::kMaxLine) _moreToRead = true;
   }
-  f.pushSeek(_out);
   return true;
 }
 
@@ -416,8 +420,8 @@ void TailingProcessor::startDraining(std::unique_ptr<TailedFile> f, int64_t nowM
 
 void TailingProcessor::finish(TailedFile& f) {
   f.flushPartial(_out);
-  f.pushSeek(_out);
   f.pushDone(_out);
+  f.pushSeek(_out);
   closeDescriptor(f);
   _identities.erase({f.dev, f.ino});
 }

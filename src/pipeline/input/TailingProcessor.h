@@ -31,11 +31,14 @@
 // `_channel` (the path), `_conf` and `seekaddr` (the offset just past the
 // line). A final line without a newline is held until the file ends (renamed
 // away, truncated, deleted) or has stayed unchanged for 3 seconds. Lines over
-// 1 MiB are cut into pieces of 1 MiB. After the lines of each read of at most
-// 1 MiB the file tracker's position record follows them, so position and data
-// reach the index together. A file that is finished (renamed away or deleted
-// and read to its end, or a compressed file read whole) ends with a record
-// holding `_done` "1" and its source and channel.
+// 1 MiB are cut into pieces of 1 MiB. Each line carries the read position up
+// to its end, which the indexer stores with the slice that holds the line.
+// A file that has stayed unchanged for 3 seconds, or is finished (renamed
+// away or deleted and read to its end, or a compressed file read whole),
+// gets a record holding `_done` "1" and its source and channel, which ends
+// the event the line merger holds open for it, and then the file tracker's
+// position record. The position record never comes before the done record:
+// it must not overtake lines still held in an open event.
 //
 // DESIGN: everything runs on the pipeline's thread inside
 // createPipelineData(); there are no threads of its own. Each call hands out
@@ -142,7 +145,7 @@ class TailingProcessor : public Processor, public MShutdownHandler {
   // Handles one followed file; false when it is to be dropped from _files.
   bool poll(std::unique_ptr<TailedFile>& f, int64_t nowMs);
   bool pollDraining(TailedFile& f, int64_t nowMs);
-  // Reads at most 1 MiB; then the position record. False on a read error.
+  // Reads at most 1 MiB. False on a read error.
   bool readChunk(TailedFile& f, int64_t nowMs);
   bool reopen(TailedFile& f);
   void finish(TailedFile& f);
