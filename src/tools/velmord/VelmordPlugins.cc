@@ -2,8 +2,9 @@
 
 #include "framework/QueueInputProcessor.h"
 #include "framework/QueueOutputProcessor.h"
-#include "pipeline/analysis/LinePassThroughProcessor.h"
-#include "pipeline/analysis/PassThroughProcessor.h"
+#include "pipeline/analysis/AggregatorProcessor.h"
+#include "pipeline/analysis/NullProcessor.h"
+#include "pipeline/analysis/RegexExtractionProcessor.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/input/TailingProcessor.h"
 
@@ -11,8 +12,8 @@ const PluginFactory* velmordPluginLookup(const char* name) {
   static const PluginFactory* const table[] = {
       &QueueInputProcessor::factory(),        &QueueOutputProcessor::factory(),
       &TailingProcessor::factory(),           &TailingProcessor::batchFactory(),
-      &LinePassThroughProcessor::factory(),   &PassThroughProcessor::regexExtractionFactory(),
-      &IndexProcessor::factory(),             &PassThroughProcessor::nullFactory(),
+      &AggregatorProcessor::factory(),        &RegexExtractionProcessor::factory(),
+      &IndexProcessor::factory(),             &NullProcessor::factory(),
   };
   for (const PluginFactory* f : table)
     if (f->matchName(name)) return f;

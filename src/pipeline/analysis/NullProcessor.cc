@@ -1,0 +1,6 @@
+#include "pipeline/analysis/NullProcessor.h"
+
+const PluginFactory& NullProcessor::factory() {
+  static const SimplePluginFactory<NullProcessor> f("nullprocessor");
+  return f;
+}
