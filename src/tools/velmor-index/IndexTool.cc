@@ -21,7 +21,9 @@
 #include "pipeline/indexer/QSMSetAcceptor.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/ScopedPolicyLock.h"
-#include "pipeline/analysis/LeadingTime.h"
+#include "pipeline/analysis/Aggregator.h"
+#include "pipeline/analysis/AggregatorProcessor.h"
+#include "framework/PipelineData.h"
 #include "pipeline/input/SourceTypeName.h"
 #include "util/WildcardMatcher.h"
 #include "util/ReadWriteLock.h"
@@ -218,38 +220,33 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
   Str host = _args.host.empty() ? Str(hostBuf) : _args.host;
   const uint64_t size = uint64_t(st.st_size);
   const bool progress = size > kLongFile;
-  LeadingTime stamps(int64_t(st.st_mtime));
+
+  // Lines become events and get their times as the service makes them: by
+  // the props of this file's source, host and source type (line merging,
+  // date patterns). A line before any stamp takes the file's modification
+  // time, which is also the reference for stamps without a year.
+  Aggregator agg("source::" + source + "|host::" + host + "|sourcetype::" + sourceType + "|" + source);
+  agg.dateParser().setDateByString(StrSegment(source));
+  const auto mtimeText = std::make_shared<const Str>(std::to_string(int64_t(st.st_mtime)));
 
   WritableEvent ev;
   ev.host = StrSegment(host);
   ev.source = StrSegment(source);
   ev.sourceType = StrSegment(sourceType);
   ev.cleaner = cleaner;
-  char timeText[24];
   char* line = nullptr;
   size_t cap = 0;
   ssize_t n;
-  uint64_t added = 0, skipped = 0, sinceSync = 0, bytes = 0;
-  // A line without a stamp (a stack trace line, a wrapped message) belongs
-  // with the stamped line above it; before the first stamp, the file's
-  // modification time stands in.
-  int64_t lastStamp = int64_t(st.st_mtime);
-  while ((n = getline(&line, &cap, in)) > 0) {
-    bytes += uint64_t(n);
-    size_t len = size_t(n);
-    while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
-    StrSegment raw(line, len);
-    int64_t t;
-    if (stamps.parse(raw, t) && t >= INT32_MIN && t <= INT32_MAX)
-      lastStamp = t;
-    else
-      t = lastStamp;
-    int tl = snprintf(timeText, sizeof timeText, "%lld", (long long)t);
-    ev.time = StrSegment(timeText, size_t(tl));
-    ev.raw = raw;
+  uint64_t added = 0, skipped = 0, sinceSync = 0, bytes = 0, lines = 0;
+  auto write = [&](const std::shared_ptr<PipelineData>& event) {
+    if (!event) return;
+    AggregatorProcessor::putTimestamp(agg, *event);
+    ev.raw = StrSegment(event->getStr(PipelineData::rawKey));
+    ev.time = StrSegment(event->getStr(PipelineData::timeKey));
+    ev.meta = StrSegment(event->getStr(PipelineData::metaKey));
     if (!_policy->write(ev)) {
       ++skipped;
-      continue;
+      return;
     }
     ++added;
     if (++sinceSync >= _args.syncEvery) {
@@ -261,19 +258,31 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
         fflush(_err);
       }
     }
+  };
+  while ((n = getline(&line, &cap, in)) > 0) {
+    bytes += uint64_t(n);
+    ++lines;
+    size_t len = size_t(n);
+    while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
+    auto record = std::make_shared<PipelineData>();
+    record->put(PipelineData::rawKey, Str(line, len));
+    record->put(PipelineData::timeKey, mtimeText);
+    write(agg.processLine(record));
   }
-  bool readError = ferror(in);
+  write(agg.processLine(nullptr));
+  const bool readError = ferror(in);
+  const int readErrno = errno;
   free(line);
   fclose(in);
   syncAndMaybeRoll();
   totalAdded += added;
   if (readError) {
-    fail("error reading %s after %llu lines: %s", file.c_str(), (unsigned long long)(added + skipped),
-         strerror(errno));
+    fail("error reading %s after %llu lines: %s", file.c_str(), (unsigned long long)lines, strerror(readErrno));
     return 1;
   }
   fprintf(_err, "velmor-index: %s: %llu events added to %s", file.c_str(), (unsigned long long)added,
           _args.index.c_str());
+  skipped += agg.blankLinesDropped();
   if (skipped) fprintf(_err, ", %llu blank lines skipped", (unsigned long long)skipped);
   fputc('\n', _err);
   fflush(_err);
