@@ -116,10 +116,10 @@ EOF
   fi
   rm -rf "$VELMOR_DB/demo"
   echo "== Indexing the sample logs into the index 'demo' with velmor-index"
-  local start end path lines bytes type host files=0 total=0
+  local start end path lines bytes type events host files=0 total=0 want=0 got
   start=$(date +%s.%N)
   : > "$log"
-  while IFS=$'\t' read -r path lines bytes type; do
+  while IFS=$'\t' read -r path lines bytes type events; do
     case "$path" in /*) ;; *) path="$SAMPLES_DIR/$path" ;; esac
     host=$(basename "$(dirname "$path")")
     "$tool" add demo "$path" --host "$host" --sourcetype "$type" 2>> "$log" || {
@@ -128,10 +128,18 @@ EOF
     }
     files=$((files + 1))
     total=$((total + lines))
+    want=$((want + events))
   done < "$MANIFEST"
   end=$(date +%s.%N)
-  awk -v a="$start" -v b="$end" -v n="$total" -v f="$files" \
-    'BEGIN { printf "   %d lines of %d files in %.1f s (%.0f events/s)\n", n, f, b - a, n / (b - a) }'
+  awk -v a="$start" -v b="$end" -v n="$total" -v f="$files" -v e="$want" \
+    'BEGIN { printf "   %d lines (%d events) of %d files in %.1f s (%.0f lines/s)\n", n, e, f, b - a, n / (b - a) }'
+  got=$(events_in demo)
+  if [ "$got" -ne "$want" ]; then
+    echo "demo: the index 'demo' holds $got events; velmor-genlogs wrote $want" >&2
+    exit 1
+  fi
+  echo "   the index holds $got events, as many as velmor-genlogs wrote: stack traces joined the line above them"
+  java_demo
   echo "== Rolling the hot bucket and listing the buckets"
   "$tool" roll demo 2>&1 | sed 's/^velmor-index: /   /'
   "$tool" info demo | sed 's/^/   /'
@@ -140,7 +148,7 @@ EOF
   all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
   for w in failed error timeout refused; do
     # shellcheck disable=SC2086
-    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$("$tool" search demo "$w" --count 100000 | wc -l)" \
+    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$(query_count "$w")" \
       "$(cat $all | grep -ciw -- "$w" || true)"
   done
   echo "== The three newest events holding both 'failed' and 'password'"
@@ -148,6 +156,29 @@ EOF
   echo "== Events of one hour on one host: --earliest/--latest and a host:: term"
   printf '   web-01, 2026-11-18 14:00-15:00: %s events\n' \
     "$("$tool" search demo host::web-01 --earliest 2026-11-18T14:00:00Z --latest 2026-11-18T14:59:59Z --count 100000 | wc -l)"
+}
+
+# The number of events an inner query finds in the demo index.
+query_count() {
+  "$BUILD/bin/velmor-index" query "SEARCH $1 maxresults::1000000 GET events::0-0 OUTPUT velmorui::2.2" |
+    sed -n 's/.*<results type="events" c="[0-9]*" tc="\([0-9]*\)".*/\1/p' | sed -n 1p
+}
+
+# Java logs: each stack trace is one event with the ERROR line above it.
+# Counts the events of the Java logs against what velmor-genlogs wrote and
+# shows the newest trace whole.
+java_demo() {
+  local want got
+  want=$(awk -F'\t' '$4 == "java_log" { e += $5 } END { print e + 0 }' "$MANIFEST")
+  got=$(query_count 'sourcetype::java_log')
+  echo "== Java stack traces are single events"
+  printf '   events of the Java logs: %s in the index, %s written by velmor-genlogs\n' "$got" "$want"
+  if [ "$got" != "$want" ]; then
+    echo "demo: the Java logs gave $got events, not $want" >&2
+    exit 1
+  fi
+  echo "   the newest event holding 'Caused by':"
+  "$BUILD/bin/velmor-index" search demo caused sourcetype::java_log --count 1 | sed -n 1,14p | cut -c1-150 | sed 's/^/     /'
 }
 
 # Runs inner queries over the demo index with velmor-index query: the ten
@@ -164,10 +195,7 @@ query_demo() {
   echo "   ... ($(printf '%s\n' "$doc" | grep -c '<r ' || true) events in the document)"
   echo "== Counts of inner queries against grep"
   local count
-  count() {
-    "$tool" query "SEARCH $1 maxresults::1000000 GET events::0-0 OUTPUT velmorui::2.2" |
-      sed -n 's/.*<results type="events" c="[0-9]*" tc="\([0-9]*\)".*/\1/p' | sed -n 1p
-  }
+  count() { query_count "$1"; }
   # shellcheck disable=SC2086
   printf '   %-32s index: %7s   grep: %7s\n' "error NOT debug" "$(count 'error NOT debug')" \
     "$(cat $all | grep -iw error | grep -civw debug || true)"
@@ -296,7 +324,8 @@ stop_service() {
 # service.
 service_demo() {
   local conf="$VELMOR_HOME/etc/bundles/local/indexes.conf" inputs="$VELMOR_HOME/etc/bundles/local/inputs.conf"
-  local total start now n i w file token t0 t1 pid
+  local props="$VELMOR_HOME/etc/bundles/local/props.conf"
+  local total start now n i w file token t0 t1 pid routed want_routed routed_files
   if ! grep -qx '\[live\]' "$conf" 2>/dev/null; then
     cat >> "$conf" <<'EOF2'
 
@@ -308,17 +337,40 @@ thawedPath = $VELMOR_DB/live/thaweddb
 frozenTimePeriodInSecs = 2147483647
 EOF2
   fi
+  if ! grep -qx '\[alerts\]' "$conf" 2>/dev/null; then
+    cat >> "$conf" <<'EOF2'
+
+[alerts]
+homePath = $VELMOR_DB/alerts/db
+coldPath = $VELMOR_DB/alerts/colddb
+thawedPath = $VELMOR_DB/alerts/thaweddb
+frozenTimePeriodInSecs = 2147483647
+EOF2
+  fi
   cat > "$inputs" <<EOF2
 # Written by the demo: velmord follows the sample logs into the index "live".
 [tail:$SAMPLES_DIR]
 index = live
 blacklist = /MANIFEST\$
 EOF2
+  cat > "$props" <<'EOF2'
+# Written by the demo: the shipped rule route_alerts (transforms.conf) sends
+# the errors of the key=value logs (level=ERROR) and the web requests that
+# failed on the server side (status 5xx) to the index "alerts".
+[app]
+TRANSFORMS-routing = route_alerts
+
+[access]
+TRANSFORMS-routing = route_alerts
+EOF2
   stop_service
-  rm -rf "$VELMOR_DB/live" "$VELMOR_DB/fileseeks" "$VELMOR_HOME/var/lib/velmor/queues"
-  # Every line under the sample directory (an earlier demo may have appended
-  # and rotated), the MANIFEST aside.
-  total=$(find "$SAMPLES_DIR" -type f ! -name MANIFEST -exec cat {} + | wc -l)
+  rm -rf "$VELMOR_DB/live" "$VELMOR_DB/alerts" "$VELMOR_DB/fileseeks" "$VELMOR_HOME/var/lib/velmor/queues"
+  # The events velmor-genlogs wrote (the samples were just made): a stack
+  # trace is one event with the line above it.
+  total=$(awk -F'\t' '{ e += $5 } END { print e + 0 }' "$MANIFEST")
+  routed_files=$(awk -F'\t' -v root="$SAMPLES_DIR/" '$1 ~ /\/(app|access)\.log$/ { p = $1; if (p !~ /^\//) p = root p; print p }' "$MANIFEST")
+  # shellcheck disable=SC2086
+  want_routed=$(cat $routed_files | grep -cP '\blevel=ERROR\b|"\s+5\d\d\s' || true)
   echo "== Starting velmord, which follows $SAMPLES_DIR into the index 'live'"
   start=$(date +%s.%N)
   "$BUILD/bin/velmord" > "$VELMOR_HOME/var/log/velmor/velmord.start" 2>&1 || {
@@ -330,22 +382,30 @@ EOF2
   n=0
   for i in $(seq 1 600); do
     sleep 0.5
-    n=$(events_in live)
+    n=$(($(events_in live) + $(events_in alerts)))
     now=$(date +%s.%N)
     if [ $((i % 2)) -eq 0 ] || [ "$n" -ge "$total" ]; then
-      awk -v a="$start" -v b="$now" -v n="$n" -v t="$total" 'BEGIN { printf "   %5.1f s: %7d of %d lines searchable\n", b - a, n, t }'
+      awk -v a="$start" -v b="$now" -v n="$n" -v t="$total" 'BEGIN { printf "   %5.1f s: %7d of %d events searchable\n", b - a, n, t }'
     fi
     [ "$n" -ge "$total" ] && break
   done
-  awk -v a="$start" -v b="$now" -v n="$n" 'BEGIN { printf "   %d lines from files to searchable events in %.1f s (%.0f lines/s)\n", n, b - a, n / (b - a) }'
+  awk -v a="$start" -v b="$now" -v n="$n" 'BEGIN { printf "   %d events from files to searchable in %.1f s (%.0f events/s)\n", n, b - a, n / (b - a) }'
   echo "== Counted by the service's index and by grep -ciw"
   local all
   all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
   for w in failed error; do
     # shellcheck disable=SC2086
-    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$("$BUILD/bin/velmor-index" search live "$w" --count 1000000 | wc -l)" \
+    printf '   %-9s index: %7s   grep: %7s\n' "$w" "$(($(query_count "index::live $w") + $(query_count "index::alerts $w")))" \
       "$(cat $all | grep -ciw -- "$w" || true)"
   done
+  routed=$(events_in alerts)
+  echo "== Routed by the rule route_alerts into the index 'alerts' (level=ERROR, HTTP status 5xx)"
+  printf '   alerts: %d events   grep -cP over the key=value and access logs: %d\n' "$routed" "$want_routed"
+  if [ "$routed" -ne "$want_routed" ]; then
+    echo "demo: the index 'alerts' holds $routed events, not $want_routed" >&2
+    exit 1
+  fi
+  "$BUILD/bin/velmor-index" search alerts --count 2 | cut -c1-150 | sed 's/^/     /'
   file=$(cut -f1 "$MANIFEST" | sed -n 1p)
   case "$file" in /*) ;; *) file="$SAMPLES_DIR/$file" ;; esac
   token="demo$(date +%s%N)"
@@ -362,7 +422,7 @@ EOF2
   mv "$file" "$file.$(date +%Y%m%d%H%M%S)"
   for i in $(seq 1 100); do echo "$(date -u +%Y-%m-%dT%H:%M:%SZ) demo-host rotated line $i"; done > "$file"
   for i in $(seq 1 100); do
-    n=$(events_in live)
+    n=$(($(events_in live) + $(events_in alerts)))
     [ "$n" -ge $((total + 101)) ] && break
     sleep 0.1
   done
@@ -374,7 +434,7 @@ EOF2
   awk -v a="$t0" -v b="$t1" 'BEGIN { printf "   stopped in %.1f s\n", b - a }'
   grep -o 'shutdown level "[A-Za-z0-9]*" finished in .*' "$VELMOR_HOME/var/log/velmor/velmord.log" | tail -8 | sed 's/^/   /'
   if [ "$n" -ne $((total + 101)) ]; then
-    echo "demo: the index 'live' holds $n events, not $((total + 101))" >&2
+    echo "demo: the indexes 'live' and 'alerts' hold $n events, not $((total + 101))" >&2
     exit 1
   fi
 }

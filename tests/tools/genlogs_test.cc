@@ -192,7 +192,7 @@ class JsonCheck {
 // One file of the manifest.
 struct FileEntry {
   std::string path, sourcetype;
-  uint64_t lines, bytes;
+  uint64_t lines, bytes, events = 0;
 };
 
 std::vector<FileEntry> parseManifest(const std::string& out) {
@@ -201,7 +201,7 @@ std::vector<FileEntry> parseManifest(const std::string& out) {
     std::istringstream in(line);
     FileEntry e;
     std::getline(in, e.path, '\t');
-    in >> e.lines >> e.bytes >> e.sourcetype;
+    in >> e.lines >> e.bytes >> e.sourcetype >> e.events;
     files.push_back(e);
   }
   return files;
@@ -285,6 +285,14 @@ TEST_F(GenlogsTest, ManifestMatchesFilesAndSizeIsHonoured) {
     EXPECT_EQ(text.size(), f.bytes) << f.path;
     EXPECT_EQ(static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')), f.lines) << f.path;
     EXPECT_EQ(text.back(), '\n') << f.path;
+    // Events: one per line, but a stack trace belongs to the stamped line
+    // above it, so in a Java log only lines starting with a date begin one.
+    uint64_t starts = 0;
+    for (const std::string& l : splitLines(text)) {
+      if (f.sourcetype != "java_log" || (l.size() > 4 && isdigit((unsigned char)l[0]) && l[4] == '-')) ++starts;
+    }
+    EXPECT_EQ(f.events, starts) << f.path;
+    if (f.sourcetype == "java_log") EXPECT_LT(f.events, f.lines) << "no stack trace in " << f.path;
     total += f.bytes;
   }
   // Each file stops at the first event past its share.

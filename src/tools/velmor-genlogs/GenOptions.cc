@@ -62,7 +62,8 @@ const char* GenOptions::usage() {
          "  --formats LIST    comma-separated subset of syslog,access,kv,java,json (default all)\n"
          "  --csv FILE        also write the web access events as CSV\n"
          "  --help            this text\n"
-         "Prints one line per file on standard output: path, lines, bytes, source type.\n";
+         "Prints one line per file on standard output, tab-separated: path, lines, bytes,\n"
+         "source type, events (a stack trace is one event with the line it follows).\n";
 }
 
 std::string GenOptions::parse(int argc, const char* const* argv) {

@@ -80,6 +80,7 @@ void frame(LineBuffer& out, const char* text) {
 }  // namespace
 
 void JavaSource::stackTrace(LineBuffer& out, Rng& rng, uint64_t id) {
+  const uint64_t before = out.lines();
   const Trace& t = rng.pick(kTraces);
   out.put(t.headBefore);
   if (t.headBefore[std::char_traits<char>::length(t.headBefore) - 1] == ' ') out.putUint(id);
@@ -104,6 +105,7 @@ void JavaSource::stackTrace(LineBuffer& out, Rng& rng, uint64_t id) {
     out.put(" more");
     out.endLine();
   }
+  out.countContinuations(out.lines() - before);
 }
 
 void JavaSource::emit(int64_t millis, LineBuffer& out, Rng& rng) {

@@ -48,6 +48,10 @@ class LineBuffer {
 
   uint64_t bytes() const { return _written + _len; }
   uint64_t lines() const { return _lines; }
+  // Lines that continue the event above them (stack trace lines); the
+  // file's events are lines() - continuations().
+  void countContinuations(uint64_t n) { _continuations += n; }
+  uint64_t continuations() const { return _continuations; }
 
  private:
   static constexpr size_t kCapacity = 1 << 20;
@@ -58,5 +62,6 @@ class LineBuffer {
   size_t _len = 0;
   uint64_t _written = 0;
   uint64_t _lines = 0;
+  uint64_t _continuations = 0;
   bool _failed = false;
 };

@@ -35,6 +35,7 @@ struct Written {
   std::string path;
   uint64_t lines, bytes;
   std::string sourcetype;
+  uint64_t events;  // lines, but a stack trace is one event with the line it follows
 };
 
 std::unique_ptr<EventSource> makeSource(const StreamDef& def, const SourceContext& ctx, AccessCsv* csv) {
@@ -148,7 +149,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "velmor-genlogs: error writing %s: %s\n", path.c_str(), std::strerror(errno));
       return 1;
     }
-    written.push_back(Written{path, lines, bytes, def.sourcetype});
+    written.push_back(Written{path, lines, bytes, def.sourcetype, lines - out.continuations()});
     totalBytes += bytes;
     totalLines += lines;
   }
@@ -160,8 +161,9 @@ int main(int argc, char** argv) {
   const double secs =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   for (const Written& w : written)
-    std::printf("%s\t%llu\t%llu\t%s\n", w.path.c_str(), static_cast<unsigned long long>(w.lines),
-                static_cast<unsigned long long>(w.bytes), w.sourcetype.c_str());
+    std::printf("%s\t%llu\t%llu\t%s\t%llu\n", w.path.c_str(), static_cast<unsigned long long>(w.lines),
+                static_cast<unsigned long long>(w.bytes), w.sourcetype.c_str(),
+                static_cast<unsigned long long>(w.events));
   std::fprintf(stderr, "velmor-genlogs: %zu files, %llu lines, %llu bytes in %.2f s (%.1f MB/s)%s\n",
                written.size(), static_cast<unsigned long long>(totalLines),
                static_cast<unsigned long long>(totalBytes), secs,
