@@ -1,7 +1,9 @@
 // Regex step speed: events per second through RegexExtractionProcessor with
 // the shipped routing, term and host rules switched on (cached rule lists,
-// so the cost is the matching and the writing), one rule with REPEAT_MATCH
-// on its own, and template filling alone.
+// so the cost is the matching and the writing); with 0, 5 and 20 rules of
+// the same kind; with events from over a thousand sources (so the path
+// cache is cleared and rebuilt as it fills); one rule with REPEAT_MATCH on
+// its own, and template filling alone.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -45,10 +47,23 @@ void setUpHome() {
   std::ifstream in(VELMOR_SOURCE_DIR "/etc/bundles/default/transforms.conf", std::ios::binary);
   std::stringstream transforms;
   transforms << in.rdbuf();
-  writeFile(gScratch + "/etc/bundles/default/transforms.conf", transforms.str());
-  writeFile(gScratch + "/etc/bundles/default/props.conf",
-            "[source::/var/log/web/*.log]\nTRANSFORMS-routing = route_alerts, user_terms, client_terms\n"
-            "[host::relay]\nTRANSFORMS-host = host_from_text\n");
+  // Twenty rules "k0" ... "k19", each adding the term k<i>::<value> for
+  // "k<i>=<value>"; the sources /var/log/rules<n>/ use the first n.
+  std::string generated, props =
+                              "[source::/var/log/web/*.log]\nTRANSFORMS-routing = route_alerts, user_terms, client_terms\n"
+                              "[host::relay]\nTRANSFORMS-host = host_from_text\n"
+                              "[source::/var/log/many/*.log]\nTRANSFORMS-routing = route_alerts, user_terms, client_terms\n";
+  for (int n : {5, 20}) {
+    props += "[source::/var/log/rules" + std::to_string(n) + "/*.log]\nTRANSFORMS-kv = ";
+    for (int i = 0; i < n; ++i) props += (i ? ", k" : "k") + std::to_string(i);
+    props += "\n";
+  }
+  for (int i = 0; i < 20; ++i) {
+    const std::string k = "k" + std::to_string(i);
+    generated += "[" + k + "]\nREGEX = \\b" + k + "=(\\w+)\nFORMAT = " + k + "::$1\nWRITE_META = true\n";
+  }
+  writeFile(gScratch + "/etc/bundles/default/transforms.conf", transforms.str() + "\n" + generated);
+  writeFile(gScratch + "/etc/bundles/default/props.conf", props);
   setenv("VELMOR_HOME", gScratch.c_str(), 1);
   LoaderInfo::getInstance().populateFromEnvironment();
   PropertyPages::propsInstance().updateConfigs();
@@ -80,6 +95,48 @@ void BM_ExecuteShippedRules(benchmark::State& state) {
   state.SetBytesProcessed(bytes);
 }
 BENCHMARK(BM_ExecuteShippedRules)->Arg(0)->Arg(1);
+
+// Events of a key=value log through 0, 5 or 20 rules; a rule matches one
+// line in two.
+void BM_RuleCount(benchmark::State& state) {
+  setUpHome();
+  RegexExtractionProcessor p;
+  const std::string source = "source::/var/log/rules" + std::to_string(state.range(0)) + "/app.log";
+  std::string lines[2];
+  for (int i = 0; i < 20; ++i) lines[i % 2] += "k" + std::to_string(i) + "=v" + std::to_string(i) + " ";
+  lines[0] = "2026-11-24 17:28:35,120 level=INFO " + lines[0];
+  lines[1] = "2026-11-24 17:28:35,121 level=INFO " + lines[1];
+  size_t i = 0;
+  for (auto _ : state) {
+    auto rec = std::make_shared<PipelineData>();
+    rec->put(PipelineData::sourceKey, source);
+    rec->put(PipelineData::hostKey, "host::app1");
+    rec->put(PipelineData::rawKey, lines[i++ % 2]);
+    benchmark::DoNotOptimize(p.execute(rec));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_RuleCount)->Arg(0)->Arg(5)->Arg(20);
+
+// The shipped rules for events from `range(0)` sources in turn: past the
+// cache's thousand paths the rule lists are built again.
+void BM_ManySources(benchmark::State& state) {
+  setUpHome();
+  RegexExtractionProcessor p;
+  std::vector<std::string> sources;
+  for (long k = 0; k < state.range(0); ++k) sources.push_back("source::/var/log/many/f" + std::to_string(k) + ".log");
+  size_t i = 0;
+  for (auto _ : state) {
+    auto rec = std::make_shared<PipelineData>();
+    rec->put(PipelineData::sourceKey, sources[i % sources.size()]);
+    rec->put(PipelineData::hostKey, "host::web1");
+    rec->put(PipelineData::rawKey, kLines[i % 4]);
+    ++i;
+    benchmark::DoNotOptimize(p.execute(rec));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ManySources)->Arg(100)->Arg(1500)->Arg(5000);
 
 void BM_ExtractRepeatedTerms(benchmark::State& state) {
   PropertiesMap stanza;
