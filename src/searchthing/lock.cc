@@ -49,17 +49,27 @@ static int fs_magic(const char* path, int64_t* magic) {
 }
 
 // The lock file holds the pid of its taker ("%ld\n"), so that a lock left
-// by a process that died can be told from one in use.
+// by a process that died can be told from one in use. The pid is written
+// into a private file first, which is then linked to the lock name (link
+// fails when the name exists): a process killed at any point leaves either
+// no lock or one that names it, never an empty one that nobody can break.
 static int local_lock(const char* lockname) {
-  int fd = open(lockname, O_WRONLY | O_CREAT | O_EXCL, 0644);
-  if (fd < 0) return errno == EEXIST ? 1 : -1;
+  char temp[kPathMax];
+  int n = snprintf(temp, sizeof temp, "%s.%ld", lockname, static_cast<long>(getpid()));
+  if (n < 0 || static_cast<size_t>(n) >= sizeof temp) return -1;
+  int fd = open(temp, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) return -1;
   char pid[24];
-  int n = snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(getpid()));
-  if (write(fd, pid, static_cast<size_t>(n)) != n) {
-    // An empty lock file still locks; it only cannot be told stale.
-  }
+  n = snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(getpid()));
+  const bool written = write(fd, pid, static_cast<size_t>(n)) == n;
   close(fd);
-  return 0;
+  if (!written) {
+    unlink(temp);
+    return -1;
+  }
+  int rc = link(temp, lockname) == 0 ? 0 : errno == EEXIST ? 1 : -1;
+  unlink(temp);
+  return rc;
 }
 
 // NFS has no reliable O_EXCL: create a private temporary and link it to the

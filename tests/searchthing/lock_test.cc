@@ -32,8 +32,13 @@ TEST(Lock, ExclusiveCreateLifecycle) {
   EXPECT_EQ(st_lock(target.c_str()), 0);
   EXPECT_EQ(ospath_try_stat((target + ".lock").c_str()), 1) << "lock lies beside the directory";
   EXPECT_EQ(st_islocked(target.c_str()), 1);
+  EXPECT_EQ(st_lock_owner(target.c_str()), long(getpid())) << "the lock names its taker from the start";
   EXPECT_EQ(st_lock(target.c_str()), 1) << "second taker sees it held";
   EXPECT_EQ(st_timeout_lock(target.c_str(), 0), 1) << "zero timeout: one attempt, still held";
+  // The private file the pid is written to before it takes the lock's name
+  // is gone after a taken and after a refused attempt.
+  const std::string temp = target + ".lock." + std::to_string(getpid());
+  EXPECT_EQ(ospath_try_stat(temp.c_str()), 0);
   EXPECT_EQ(st_unlock(target.c_str()), 0);
   EXPECT_EQ(st_islocked(target.c_str()), 0);
   EXPECT_EQ(st_unlock(target.c_str()), 0) << "unlocking what isn't there is fine";
