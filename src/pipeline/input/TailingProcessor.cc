@@ -28,7 +28,7 @@ constexpr int64_t kPollMs = 250;           // how often followed files are looke
 constexpr int64_t kWaitMs = 100;           // longest wait of createPipelineData
 constexpr int64_t kPartialHoldMs = 3000;   // an unfinished last line goes out after this
 constexpr int64_t kDrainGraceMs = 1000;    // a renamed or deleted file may still grow this long
-constexpr int64_t kQuietMs = 3000;         // a file unchanged this long ends its last event
+constexpr int64_t kQuietMs = 1000;         // a file unchanged this long ends its last event
 constexpr size_t kHeadCheck = 4096;        // a NUL byte in this much makes a file binary
 constexpr const char kPrefix[] = "tail:";
 

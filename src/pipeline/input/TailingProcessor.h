@@ -33,7 +33,9 @@
 // away, truncated, deleted) or has stayed unchanged for 3 seconds. Lines over
 // 1 MiB are cut into pieces of 1 MiB. Each line carries the read position up
 // to its end, which the indexer stores with the slice that holds the line.
-// A file that has stayed unchanged for 3 seconds, or is finished (renamed
+// A file that has stayed unchanged for 1 second (a writer has finished its
+// event by then; a shorter wait would cut slow multi-line writes, a longer
+// one keeps the last event from search), or is finished (renamed
 // away or deleted and read to its end, or a compressed file read whole),
 // gets a record holding `_done` "1" and its source and channel, which ends
 // the event the line merger holds open for it, and then the file tracker's
