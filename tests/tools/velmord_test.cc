@@ -1,7 +1,9 @@
-// The service as users run it: its command line, start and stop, and the
+// The service as users run it: its command line, start and stop, the
 // promise that every line of a followed file is indexed exactly once
 // whatever happens to the process (kill -9 or an orderly stop, at any
-// moment of a write burst) or to the files (rotation by rename).
+// moment of a write burst) or to the files (rotation by rename), and the
+// shape events take on the way (merged lines, times from the text in the
+// stanza's zone, a host and an index set by transforms).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -12,6 +14,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -258,6 +261,102 @@ TEST(Velmord, EveryLineOnceThroughKillsStopsAndRotation) {
   }
   long grepCount = shellNumber("cat " + file + "* | grep -c burst");
   EXPECT_EQ(grepCount, kLines);
+}
+
+// The events velmor-index search prints for `terms` in `index`: each starts
+// with its time and address; a merged event's further lines follow it.
+std::vector<std::string> searchEvents(const ServiceHome& home, const std::string& index,
+                                      std::vector<std::string> terms) {
+  std::vector<std::string> args{"search", index};
+  args.insert(args.end(), terms.begin(), terms.end());
+  args.insert(args.end(), {"--count", "1000"});
+  ToolRun r = runTool(kIndexTool, args, home.path(), home.env());
+  static const std::regex kHead(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ\t\d+:\d+\t.*)");
+  std::vector<std::string> events;
+  std::istringstream in(r.out);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (std::regex_match(line, kHead) || events.empty())
+      events.push_back(line);
+    else
+      events.back() += "\n" + line;
+  }
+  return events;
+}
+
+TEST(Velmord, EventsTakeShapeOnTheWay) {
+  ServiceHome home;
+  const std::string logs = home.path() + "/logs";
+  for (const char* sub : {"/java", "/relay", "/app"}) mkdir((logs + sub).c_str(), 0755);
+  std::ofstream(home.path() + "/etc/bundles/local/inputs.conf")
+      << "[tail:" << logs << "/java]\nsourcetype = java_log\n"
+      << "[tail:" << logs << "/relay]\nsourcetype = syslog\n"
+      << "[tail:" << logs << "/app]\nsourcetype = app\n";
+  // Java stamps are local times of a zone an hour east of UTC; relayed
+  // syslog lines name their own host; errors of the app go to "alerts".
+  std::ofstream(home.path() + "/etc/bundles/local/props.conf")
+      << "[java_log]\nTZ = CET-1CEST,M3.5.0,M10.5.0/3\n"
+      << "[syslog]\nTRANSFORMS-host = host_from_text\n"
+      << "[app]\nTRANSFORMS-routing = route_alerts\n";
+  std::ofstream(home.path() + "/etc/bundles/local/indexes.conf", std::ios::app)
+      << "\n[alerts]\nhomePath = $VELMOR_DB/alerts/db\ncoldPath = $VELMOR_DB/alerts/colddb\n"
+      << "thawedPath = $VELMOR_DB/alerts/thaweddb\nfrozenTimePeriodInSecs = 2147483647\n";
+  std::ofstream(logs + "/java/server.log")
+      << "2026-11-20 09:15:30,123 INFO  [main] com.example.Shop - started jvmstart\n"
+      << "2026-11-20 09:16:00,001 ERROR [exec-1] com.example.Orders - Unhandled exception jvmtrace\n"
+      << "java.lang.IllegalStateException: Order 41 is already shipped\n"
+      << "\tat com.example.Orders.ship(Orders.java:88)\n"
+      << "\tat com.example.Dispatcher.handle(Dispatcher.java:141)\n"
+      << "Caused by: java.sql.SQLException: Deadlock found\n"
+      << "\tat com.example.Db.update(Db.java:12)\n"
+      << "\t... 2 more\n"
+      << "2026-11-20 09:17:45,500 INFO  [exec-2] com.example.Orders - shipped order 42 jvmlast\n";
+  std::ofstream(logs + "/relay/syslog.log")
+      << "Nov 20 08:00:01 web7 sshd[42]: Accepted publickey for deploy relayone\n"
+      << "Nov 20 08:00:02 db3 cron[7]: job started relaytwo\n";
+  std::ofstream(logs + "/app/app.log")
+      << "2026-11-20T08:00:00.000Z level=INFO user=ann action=login appline\n"
+      << "2026-11-20T08:00:01.000Z level=ERROR user=bob action=pay appline\n"
+      << "\n"
+      << "2026-11-20T08:00:02.000Z level=INFO user=cy action=logout appline\n"
+      << "2026-11-20T08:00:03.000Z level=ERROR user=dee action=refund appline\n";
+
+  Service s(home);
+  s.start();
+  auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (Clock::now() < deadline && (searchEvents(home, "main", {"jvmlast"}).empty() ||
+                                     searchEvents(home, "main", {"relaytwo"}).empty() ||
+                                     searchEvents(home, "alerts", {"appline"}).size() < 2)) {
+    sleepMs(200);
+  }
+  sleepMs(1500);  // anything extra (a trace line indexed alone) shows up too
+
+  // Three stamped Java blocks, three events; the trace stays with its line,
+  // and each takes the time of its stamp, an hour west of the text.
+  std::vector<std::string> java = searchEvents(home, "main", {"sourcetype::java_log"});
+  ASSERT_EQ(java.size(), 3u);
+  EXPECT_EQ(java[0].substr(0, 20), "2026-11-20T08:17:45Z");
+  EXPECT_EQ(java[2].substr(0, 20), "2026-11-20T08:15:30Z");
+  std::vector<std::string> trace = searchEvents(home, "main", {"deadlock"});
+  ASSERT_EQ(trace.size(), 1u);
+  EXPECT_EQ(trace[0].substr(0, 20), "2026-11-20T08:16:00Z");
+  EXPECT_NE(trace[0].find("jvmtrace\njava.lang.IllegalStateException"), std::string::npos) << trace[0];
+  EXPECT_NE(trace[0].find("\n\t... 2 more"), std::string::npos) << trace[0];
+
+  // The host each relayed line names is a host:: term of its own event.
+  std::vector<std::string> web7 = searchEvents(home, "main", {"host::web7"});
+  ASSERT_EQ(web7.size(), 1u);
+  EXPECT_NE(web7[0].find("relayone"), std::string::npos);
+  EXPECT_EQ(searchEvents(home, "main", {"host::db3", "relaytwo"}).size(), 1u);
+
+  // Errors were routed; the rest stayed; the blank line is no event.
+  std::vector<std::string> alerts = searchEvents(home, "alerts", {"appline"});
+  EXPECT_EQ(alerts.size(), 2u);
+  for (const std::string& e : alerts) EXPECT_NE(e.find("level=ERROR"), std::string::npos) << e;
+  std::vector<std::string> rest = searchEvents(home, "main", {"appline"});
+  EXPECT_EQ(rest.size(), 2u);
+  for (const std::string& e : rest) EXPECT_NE(e.find("level=INFO"), std::string::npos) << e;
+  EXPECT_EQ(s.stop(), 0);
 }
 
 }  // namespace
