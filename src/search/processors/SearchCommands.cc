@@ -2,6 +2,9 @@
 
 #include "search/SearchFactory.h"
 #include "search/processors/AbstractOperator.h"
+#include "search/processors/BinCommands.h"
+#include "search/processors/ChartCommands.h"
+#include "search/processors/CommonValueCommands.h"
 #include "search/processors/ConversionProcessor.h"
 #include "search/processors/DedupOperator.h"
 #include "search/processors/EvalOperator.h"
@@ -19,6 +22,7 @@
 #include "search/processors/SelectOperator.h"
 #include "search/processors/SetProcessor.h"
 #include "search/processors/SortProcessor.h"
+#include "search/processors/StatsCommands.h"
 #include "search/processors/StringConcatProcessor.h"
 #include "search/processors/TotalsProcessor.h"
 #include "search/processors/WhereOperator.h"
@@ -52,4 +56,8 @@ void SearchCommands::registerAll() {
   SearchFactory::registerBuiltin("page", &PageOperator::create, false);
   SearchFactory::registerBuiltin("localize", &LocalizeOperator::create, false);
   FileCommands::registerAll();
+  StatsCommands::registerAll();
+  CommonValueCommands::registerAll();
+  BinCommands::registerAll();
+  ChartCommands::registerAll();
 }

@@ -1,0 +1,7 @@
+// ChartCommands: registers the report commands chart, timechart, newseriesfilter
+// with SearchFactory. Called once from SearchCommands::registerAll().
+#pragma once
+
+namespace ChartCommands {
+void registerAll();
+}
