@@ -273,6 +273,59 @@ search_demo() {
   rm -f "$out" "$out.err"
 }
 
+# Reports with velmor-search over the CSV of web requests: failed requests
+# counted by host and status, the same by hour and host (a timechart), the
+# busiest URIs (top) and durations by method. Each report's rows are printed
+# as a table.
+report_demo() {
+  local out="$VELMOR_HOME/var/run/velmor/report_demo.out" s
+  # The rows of the last report as a table: a header of the field names,
+  # then one line per row.
+  table() {
+    awk '
+      /^<result / { n++; next }
+      /^<field k=/ {
+        k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k)
+        if (!(k in seen)) { seen[k] = 1; cols[++nc] = k }
+        v = $0
+        if (sub(/^.*<v[^>]*>/, "", v)) { sub(/<\/v>.*$/, "", v); cell[n, k] = v }
+        next
+      }
+      /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); cell[n, k] = cell[n, k] v }
+      END {
+        for (c = 1; c <= nc; c++) {
+          w[c] = length(cols[c])
+          for (r = 1; r <= n && r <= 12; r++) if (length(cell[r, cols[c]]) > w[c]) w[c] = length(cell[r, cols[c]])
+        }
+        line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cols[c]); print line
+        for (r = 1; r <= n && r <= 12; r++) {
+          line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cell[r, cols[c]]); print line
+        }
+        if (n > 12) print "... (" n " rows)"
+      }' "$out" | sed 's/^/     /'
+  }
+  echo "== Reports with velmor-search"
+  for s in \
+    "| inputcsv sample_access.csv | where status >= 500 | stats count by host status | outputxml" \
+    "| inputcsv sample_access.csv | where status >= 500 | timechart span=1h count by host | head 8 | convert ctime(_time) | outputxml" \
+    "| inputcsv sample_access.csv | top limit=5 uri | outputxml" \
+    "| inputcsv sample_access.csv | stats count avg(duration) perc95(duration) max(bytes) by method | outputxml"; do
+    echo "   velmor-search '$s'"
+    "$BUILD/bin/velmor-search" "$s" > "$out" 2> "$out.err" || {
+      echo "demo: velmor-search failed on: $s" >&2
+      cat "$out.err" >&2
+      exit 1
+    }
+    if grep -q '^search processor exception' "$out"; then
+      echo "demo: velmor-search refused: $s" >&2
+      cat "$out" >&2
+      exit 1
+    fi
+    table
+  done
+  rm -f "$out" "$out.err"
+}
+
 # Searches the CSV of web requests with velmor-search: the server errors,
 # their size in KB, the slowest first, one per client, the top ten, written
 # back with outputcsv (usexml=true, so the tool prints the rows as XML).
@@ -448,4 +501,5 @@ index_demo
 query_demo
 search_demo
 search_csv_demo
+report_demo
 service_demo
