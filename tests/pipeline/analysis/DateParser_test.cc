@@ -217,7 +217,8 @@ TEST(DateParser, LongAndBinaryLines) {
   Stream unlimited(utc(2026, 11, 24, 12, 0, 0));
   EXPECT_EQ(unlimited.parse(big), utc(2026, 11, 24, 10, 0, 0));
 
-  std::string binary("\x00\xff\xfe\x01 2026-11-24 10:00:00 \x80\x00", 30);
+  static const char kBinary[] = "\x00\xff\xfe\x01 2026-11-24 10:00:00 \x80\x00";
+  std::string binary(kBinary, sizeof kBinary - 1);
   EXPECT_EQ(unlimited.parse(binary), utc(2026, 11, 24, 10, 0, 0));
   std::string noise;
   unsigned x = 7;
