@@ -174,10 +174,14 @@ std::shared_ptr<TEDB> DatabasePartitionPolicy::openBucketDir(const Pathname& dir
   }
 
   Pathname path = dir;
-  if (!hot && _table.findById(id) && _readOnly) {
+  // The hot bucket opened before the listed ones holds no id of its own yet
+  // (it takes the one after the highest listed), so it takes none from them.
+  std::shared_ptr<TEDB> owner = hot ? nullptr : _table.findById(id);
+  const bool taken = owner && !(owner == _table.hot && _pendingHotId);
+  if (taken && _readOnly) {
     // A reader renames nothing: the bucket gets a fresh id for this run only.
     id = _table.takeNextId();
-  } else if (!hot && _table.findById(id)) {
+  } else if (taken) {
     uint32_t fresh = _table.takeNextId();
     Pathname renamed = dir.toParent() / TEDB::makeName(end, start, fresh);
     gLogger.warn("Bucket id %u of %s is taken; renaming to %s", id, dir.c_str(), renamed.c_str());

@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 
+#include "../../util/StderrCapture.h"
 #include "libbundle/PropertiesMap.h"
 #include "pipeline/indexer/LockContainer.h"
 #include "searchthing/lock.h"
@@ -434,6 +435,31 @@ TEST_F(PolicyTest, RescanListsThawedBucketsAndResolvesIdCollisions) {
   }
   EXPECT_EQ(found(policy, {}), twice);
   EXPECT_EQ(policy.getTotalEventCount(), 20u);
+}
+
+// Reopened with a hot bucket and a warm one of id 0, the index keeps every
+// name: the hot bucket, opened first, holds no id the warm one must give up.
+TEST_F(PolicyTest, ReopeningKeepsBucketNamesAndIds) {
+  PolicyParameters p = params(root / "idx");
+  {
+    DatabasePartitionPolicy policy(p);
+    policy.start();
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(put(policy, i));
+    ASSERT_TRUE(policy.rollHotDb());  // bucket id 0
+    ASSERT_TRUE(put(policy, 10));     // into the new hot bucket
+  }
+  Pathname warm = p.homePath / TEDB::makeName(kBase + 9, kBase, 0);
+  ASSERT_TRUE(warm.isDir());
+  StderrCapture cap((root / "stderr").c_str());
+  DatabasePartitionPolicy reopened(p);
+  reopened.start();
+  std::string log = cap.text();
+  EXPECT_EQ(log.find("is taken"), std::string::npos) << log;
+  EXPECT_TRUE(warm.isDir());
+  EXPECT_EQ(found(reopened, {}), newestFirst(0, 11));
+  ASSERT_TRUE(reopened.rollHotDb());
+  EXPECT_TRUE(reopened.validate());
+  EXPECT_TRUE(warm.isDir());
 }
 
 TEST_F(PolicyTest, RollsTakeDirectoryLocksHomeColdThawed) {
