@@ -1,6 +1,7 @@
 #include "pipeline/analysis/AggregatorProcessor.h"
 
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 
@@ -68,7 +69,10 @@ void AggregatorProcessor::putTimestamp(Aggregator& aggregator, PipelineData& rec
   Timeval out;
   ExtraTimevalParseInfo extra;
   const Str& raw = record.getStr(PipelineData::rawKey);
-  if (aggregator.dateParser().parseDate(out, StrSegment(raw.data(), raw.size()), reference, extra)) {
+  // A time the index cannot hold (it keeps signed 32-bit seconds: from
+  // 1901-12-13 to 2038-01-19) counts as none, rather than wrapping round.
+  if (aggregator.dateParser().parseDate(out, StrSegment(raw.data(), raw.size()), reference, extra) &&
+      out.sec() >= INT32_MIN && out.sec() <= INT32_MAX) {
     if (aggregator.indexDateElements()) record.addMetaTimeInfo(&out, &extra);
     record.setTimeKey((unsigned long)out.sec());
   } else {

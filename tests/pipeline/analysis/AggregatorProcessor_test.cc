@@ -123,6 +123,14 @@ TEST_F(AggregatorProcessorTest, UndatedEventsKeepTheirInputTimeElseTakeTheClock)
       {"noterms", "1700000000", ""},
       {"clock", "1700000000", "timestamp::none"},  // the clock, whatever the text or input say
   };
+  // A stamp past what the index holds (after 2038-01-19) is no time either.
+  Record far = line("java", "2099-03-01 10:00:00,000 far ahead", "1700000000");
+  ASSERT_EQ(p.execute(far), Processor::eDrop);  // held open until the done message
+  Record done = line("java", "", nullptr);
+  done->put(PipelineData::doneKey, "1");
+  ASSERT_EQ(p.execute(done), Processor::eOk);
+  EXPECT_EQ(done->getStr(PipelineData::timeKey), "1700000000");
+  EXPECT_EQ(done->getStr(PipelineData::metaKey), "timestamp::none");
   for (const Case& c : cases) {
     Record r = line(c.source, "2001-01-01 00:00:00 text", c.time);
     long before = long(time(nullptr));
