@@ -65,13 +65,15 @@ int RegexExtractionProcessor::execute(std::shared_ptr<PipelineData>& record) {
   const Str& path = record->defaultConf(false);
   auto it = _rulesByPath.find(path);
   if (it == _rulesByPath.end()) {
+    // The rules of a path are resolved to their extractors once; a name
+    // without a usable rule is left out (and was logged when first built).
     std::vector<Str> names;
     buildRegexList(path, names);
-    it = _rulesByPath.emplace(path, std::move(names)).first;
+    std::vector<RegexExtractor*> rules;
+    for (const Str& name : names)
+      if (RegexExtractor* e = RegexExtractor::instance(_extractors, name)) rules.push_back(e);
+    it = _rulesByPath.emplace(path, std::move(rules)).first;
   }
-  for (const Str& name : it->second) {
-    RegexExtractor* e = RegexExtractor::instance(_extractors, name);
-    if (e) e->extract(*record);
-  }
+  for (RegexExtractor* e : it->second) e->extract(*record);
   return eOk;
 }

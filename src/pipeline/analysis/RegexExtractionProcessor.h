@@ -53,7 +53,8 @@ class RegexExtractionProcessor : public Processor {
 
  private:
   RegexExtractor::Map _extractors;
-  std::unordered_map<Str, std::vector<Str>> _rulesByPath;
+  // Path -> its rules in order, pointing into _extractors (cleared together).
+  std::unordered_map<Str, std::vector<RegexExtractor*>> _rulesByPath;
 };
 
 using RegexExtractionProcessorPluginFactory = SimplePluginFactory<RegexExtractionProcessor>;
