@@ -10,6 +10,7 @@
 #include "search/SearchResult.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "search/processors/FieldPattern.h"
 #include "util/Logger.h"
 
 namespace {
@@ -22,41 +23,6 @@ Str lower(const Str& s) {
   Str out(s);
   for (char& c : out) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   return out;
-}
-
-size_t countStars(const Str& s) {
-  size_t n = 0;
-  for (char c : s) n += c == '*';
-  return n;
-}
-
-// Matches `name` against a pattern with '*' wildcards; `caps` receives the
-// text each wildcard took (leftmost-shortest for inner wildcards).
-bool globMatch(const Str& pat, const Str& name, std::vector<Str>& caps) {
-  caps.clear();
-  std::vector<Str> lits;
-  size_t start = 0;
-  for (;;) {
-    size_t star = pat.find('*', start);
-    lits.push_back(pat.substr(start, star == Str::npos ? Str::npos : star - start));
-    if (star == Str::npos) break;
-    start = star + 1;
-  }
-  if (lits.size() == 1) return pat == name;
-  const Str& head = lits.front();
-  const Str& tail = lits.back();
-  if (name.size() < head.size() + tail.size()) return false;
-  if (name.compare(0, head.size(), head) != 0) return false;
-  if (name.compare(name.size() - tail.size(), tail.size(), tail) != 0) return false;
-  size_t pos = head.size(), end = name.size() - tail.size();
-  for (size_t i = 1; i + 1 < lits.size(); ++i) {
-    size_t at = name.find(lits[i], pos);
-    if (at == Str::npos || at + lits[i].size() > end) return false;
-    caps.push_back(name.substr(pos, at - pos));
-    pos = at + lits[i].size();
-  }
-  caps.push_back(name.substr(pos, end - pos));
-  return true;
 }
 
 Str quoteWord(const Str& w) {
@@ -166,7 +132,7 @@ void StatsProcessor::processArguments() {
       if (s.argSet)
         throw searchError(this, gLogger, "Cannot specify a rename for multi-function specifiers ('all' or 'default')");
       if (r.empty()) throw searchError(this, gLogger, "Invalid rename value");
-      if (countStars(r) != countStars(s.field))
+      if (FieldPattern(r).starCount() != FieldPattern(s.field).starCount())
         throw searchError(this, gLogger,
                           "Number of wildcards does not match between field specifier '%s' and rename specifier "
                           "'%s'.  Note: empty field specifiers implies all fields, e.g. sum() == sum(*)",
@@ -195,7 +161,7 @@ long StatsProcessor::slotFor(const Str& field) {
     if (s.field.empty()) continue;
     bool wild = s.field.find('*') != Str::npos;
     if (wild && (isBy || (field.startswith('_') && !s.field.startswith('_')))) continue;
-    if (!globMatch(s.field, field, caps)) continue;
+    if (!FieldPattern(s.field).match(field, &caps)) continue;
     if (s.argSet) {
       for (StatsFunc f : StatsInclOptions::processArgSet(s.funcText))
         opts.include(f, Str(StatsInclOptions::funcName(f)) + "(" + field + ")");
@@ -205,16 +171,10 @@ long StatsProcessor::slotFor(const Str& field) {
     if (s.rename.empty()) {
       as = s.funcText + "(" + field + ")";
     } else {
-      size_t k = 0;
-      for (char c : s.rename) {
-        if (c != '*') {
-          as += c;
-        } else if (k < caps.size()) {
-          as += caps[k++];
-        } else {
-          throw searchError(this, gLogger, "Did not properly fill rename pattern %s", s.rename.c_str());
-        }
-      }
+      FieldPattern rename(s.rename);
+      if (rename.starCount() > caps.size())
+        throw searchError(this, gLogger, "Did not properly fill rename pattern %s", s.rename.c_str());
+      as = rename.fill(caps);
     }
     if (s.func == SF_PERC)
       opts.includePerc(s.perc, as);
