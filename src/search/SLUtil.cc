@@ -1,33 +1,16 @@
 #include "search/SLUtil.h"
 
-#include <strings.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 
 #include "util/StructTm.h"
+#include "util/TimeUnit.h"
 #include "util/Timezone.h"
 
 namespace {
 
 const Timezone* gUserZone = nullptr;
-
-struct UnitWord {
-  const char* word;
-  tl_unit_t unit;
-};
-
-const UnitWord kUnitWords[] = {
-    {"s", TL_SECOND},    {"sec", TL_SECOND},   {"secs", TL_SECOND},   {"second", TL_SECOND},
-    {"seconds", TL_SECOND}, {"m", TL_MINUTE},  {"min", TL_MINUTE},    {"mins", TL_MINUTE},
-    {"minute", TL_MINUTE}, {"minutes", TL_MINUTE}, {"h", TL_HOUR},    {"hr", TL_HOUR},
-    {"hrs", TL_HOUR},    {"hour", TL_HOUR},    {"hours", TL_HOUR},    {"d", TL_DAY},
-    {"day", TL_DAY},     {"days", TL_DAY},     {"w", TL_WEEK},        {"week", TL_WEEK},
-    {"weeks", TL_WEEK},  {"mon", TL_MONTH},    {"mons", TL_MONTH},    {"month", TL_MONTH},
-    {"months", TL_MONTH}, {"y", TL_YEAR},      {"yr", TL_YEAR},       {"yrs", TL_YEAR},
-    {"year", TL_YEAR},   {"years", TL_YEAR},
-};
 
 int64_t floorDiv(int64_t a, int64_t b) {
   int64_t q = a / b;
@@ -117,16 +100,17 @@ bool decompTimeSpanStr(const Str& text, long& seconds, long& count, tl_unit_t& u
   long n = strtol(p, &end, 10);
   if (errno != 0 || end == p) return false;
   if (*end == '\0') return false;
-  for (const UnitWord& w : kUnitWords) {
-    if (strcasecmp(end, w.word) != 0) continue;
-    long us = unitSeconds(w.unit);
-    if (n > LONG_MAX / us || n < LONG_MIN / us) return false;
-    seconds = n * us;
-    count = n;
-    unit = w.unit;
-    return true;
-  }
-  return false;
+  TimeUnit named;
+  if (!timeUnitByName(end, named)) return false;
+  static const tl_unit_t kBinUnit[] = {TL_SECOND, TL_MINUTE, TL_HOUR, TL_DAY, TL_WEEK, TL_MONTH, TL_MONTH, TL_YEAR};
+  if (named == TimeUnit::kQuarter) return false;  // not a bin unit
+  const tl_unit_t u = kBinUnit[static_cast<int>(named)];
+  long us = unitSeconds(u);
+  if (n > LONG_MAX / us || n < LONG_MIN / us) return false;
+  seconds = n * us;
+  count = n;
+  unit = u;
+  return true;
 }
 
 long unitSeconds(tl_unit_t unit) {

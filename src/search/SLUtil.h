@@ -1,7 +1,8 @@
 // SLUtil: time-span words and calendar stepping shared by the binning and
 // timeline commands.
 //
-// Span words. A time span is a count followed by a unit word, case ignored:
+// Span words. A time span is a count followed by a unit word (util/TimeUnit.h;
+// quarters are not a bin unit), case ignored:
 //   seconds  s sec secs second seconds        ("30s")
 //   minutes  m min mins minute minutes        ("5m", "5min")
 //   hours    h hr hrs hour hours              ("1h")

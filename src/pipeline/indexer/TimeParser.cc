@@ -49,6 +49,7 @@
 
 #include "util/Exceptions.h"
 #include "util/Logger.h"
+#include "util/TimeUnit.h"
 
 static Logger gLogger("TimeParser");
 
@@ -60,7 +61,7 @@ constexpr int64_t kWorkLimit = int64_t(1) << 40;
 // outside the working range anyway.
 constexpr int64_t kMaxCount = 1000000000000LL;
 
-enum class Unit { kSecond, kMinute, kHour, kDay, kWeek, kMonth, kQuarter, kYear };
+using Unit = TimeUnit;
 
 int64_t clampWork(int64_t t) { return t < -kWorkLimit ? -kWorkLimit : (t > kWorkLimit ? kWorkLimit : t); }
 
@@ -77,27 +78,6 @@ int daysInMonth(int64_t year, int mon0) {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-
-// Unit names, already lower-cased.
-bool unitByName(std::string_view n, Unit& u) {
-  static const std::pair<Unit, std::string_view> kNames[] = {
-      {Unit::kSecond, "s sec secs second seconds"}, {Unit::kMinute, "m min mins minute minutes"},
-      {Unit::kHour, "h hr hrs hour hours"},         {Unit::kDay, "d day days"},
-      {Unit::kWeek, "w week weeks"},                {Unit::kMonth, "mon month months"},
-      {Unit::kQuarter, "q quarter quarters"},       {Unit::kYear, "y yr yrs year years"},
-  };
-  if (n.empty()) return false;
-  for (const auto& [unit, names] : kNames) {
-    for (size_t at = names.find(n); at != std::string_view::npos; at = names.find(n, at + 1)) {
-      size_t end = at + n.size();
-      if ((at == 0 || names[at - 1] == ' ') && (end == names.size() || names[end] == ' ')) {
-        u = unit;
-        return true;
-      }
-    }
-  }
-  return false;
-}
 
 int64_t fixedSeconds(Unit u) {
   switch (u) {
@@ -214,7 +194,7 @@ bool parseTimeWord(std::string_view s, int64_t now, int64_t& out) {
     if (c == '@') {
       size_t len = alphaRun(s, i);
       Unit u;
-      if (!unitByName(s.substr(i, len), u)) return false;
+      if (!timeUnitByName(s.substr(i, len), u)) return false;
       i += len;
       int weekday = 0;
       if (u == Unit::kWeek && i < s.size() && isDigit(s[i])) {
@@ -232,7 +212,7 @@ bool parseTimeWord(std::string_view s, int64_t now, int64_t& out) {
       if (i == start) n = 1;
       size_t len = alphaRun(s, i);
       Unit u;
-      if (!unitByName(s.substr(i, len), u)) return false;
+      if (!timeUnitByName(s.substr(i, len), u)) return false;
       i += len;
       t = addUnits(t, c == '-' ? -n : n, u);
     } else {
