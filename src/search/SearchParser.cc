@@ -1,5 +1,6 @@
 #include "search/SearchParser.h"
 
+#include <cctype>
 #include <cstring>
 #include <memory>
 
@@ -218,4 +219,18 @@ SearchProcessor* SearchParser::parse(const Str& search, bool allowInternal) {
     groups.free();
     throw searchError(gWrapLogger, "while parsing query:\"%s\"", search.c_str());
   }
+}
+
+Str SearchParser::quoteWord(const Str& word) {
+  bool plain = !word.empty();
+  for (char c : word)
+    if (isspace(static_cast<unsigned char>(c)) || c == '"' || c == ',' || c == '|' || c == '[' || c == ']') plain = false;
+  if (plain) return word;
+  Str out = "\"";
+  for (char c : word) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  out += '"';
+  return out;
 }

@@ -29,6 +29,11 @@ class SearchParser {
  public:
   // A new SearchPipeline, owned by the caller.
   static SearchProcessor* parse(const Str& search, bool allowInternal);
+  // `word` as one argument word of search text: as it is unless it is empty
+  // or holds white space, '"', ',', '|', '[' or ']', else in double quotes
+  // with '"' and '\' escaped. For commands that build the text of inner
+  // commands.
+  static Str quoteWord(const Str& word);
 
   static void _groupQuotes(const Str& text, std::vector<Str>& runs);
   // Appends the top-level members to `out` (owned by the caller).

@@ -8,7 +8,7 @@
 // the value may be, besides a date in the query's time format:
 //   relative:  "-24h", "+30m", "-7d", "-2w", "-1mon", "-1y" (units s sec secs
 //              second seconds, m min mins minute minutes, h hr hrs hour hours,
-//              d day days, w week weeks, mon month months, q quarter quarters,
+//              d day days, w week weeks, mon mons month months, q quarter quarters,
 //              y yr yrs year years), optionally followed by "@<unit>" which
 //              rounds down to the start of that unit in local time
 //              ("-1d@d" is yesterday midnight; "@w" rounds to Sunday, "@w1"

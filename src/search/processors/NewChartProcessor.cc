@@ -7,6 +7,7 @@
 
 #include "search/SLUtil.h"
 #include "search/SearchFactory.h"
+#include "search/SearchParser.h"
 #include "search/SearchResult.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
@@ -22,7 +23,7 @@ const size_t kMaxFilledRows = 100000;
 
 bool isKeyword(const Str& w, const char* kw) { return lowercase(w) == kw; }
 
-Str q(const Str& s) { return NewSeriesFilterProcessor::quoteArg(s); }
+Str q(const Str& s) { return SearchParser::quoteWord(s); }
 
 // The number an x value sorts by: a number, a time, or a bin label's low
 // bound.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "search/SearchFactory.h"
+#include "search/SearchParser.h"
 #include "search/SearchResult.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
@@ -56,19 +57,6 @@ double rankValue(const Str& func, SeriesValues& v) {
 }
 
 }  // namespace
-
-Str NewSeriesFilterProcessor::quoteArg(const Str& text) {
-  bool plain = !text.empty();
-  for (char c : text) plain = plain && (isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.');
-  if (plain) return text;
-  Str out = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  out += '"';
-  return out;
-}
 
 void NewSeriesFilterProcessor::processArguments() {
   getOption("usenull", _useNull);
@@ -135,7 +123,7 @@ void NewSeriesFilterProcessor::processArguments() {
 }
 
 void NewSeriesFilterProcessor::makeStats() {
-  Str text = _valueSpec + " as " + kValueField + " by " + quoteArg(_x) + " " + quoteArg(_series);
+  Str text = _valueSpec + " as " + kValueField + " by " + SearchParser::quoteWord(_x) + " " + SearchParser::quoteWord(_series);
   try {
     _stats.reset(SearchFactory::getProcessor("stats", true));
     _stats->addArgument(new StringArg(text, false, false));

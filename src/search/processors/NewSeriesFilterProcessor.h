@@ -55,10 +55,6 @@ class NewSeriesFilterProcessor : public SearchProcessor {
   // useNull, else drops them; over every spilled file.
   static void fillNullSeries(SearchResults& results, const Str& series, bool useNull, const Str& nullStr);
 
-  // A word for a generated search text: as it is when it is made of
-  // letters, digits, '_' and '.', else in double quotes with inner quotes
-  // and backslashes escaped.
-  static Str quoteArg(const Str& text);
 
   // The series that passed the last execute (tests, the chart).
   const std::set<Str>& keptSeries() const { return _kept; }

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "search/SLLimits.h"
+#include "search/SearchParser.h"
 #include "search/SearchResult.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
@@ -23,19 +24,6 @@ Str lower(const Str& s) {
   Str out(s);
   for (char& c : out) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   return out;
-}
-
-Str quoteWord(const Str& w) {
-  bool plain = !w.empty();
-  for (char c : w)
-    if (isspace(static_cast<unsigned char>(c)) || c == '"' || c == ',' || c == '|' || c == '[' || c == ']') plain = false;
-  if (plain) return w;
-  Str out = "\"";
-  for (char c : w) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
 }
 
 }  // namespace
@@ -74,7 +62,7 @@ size_t StatsProcessor::getMaxGroups(bool reload) {
 
 Str StatsProcessor::getStreamingOp() const {
   Str op = "prestats";
-  for (const Str& w : _words) op += " " + quoteWord(w);
+  for (const Str& w : _words) op += " " + SearchParser::quoteWord(w);
   gLogger.debug("Streaming op: '%s'", op.c_str());
   return op;
 }
