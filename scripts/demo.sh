@@ -273,12 +273,17 @@ search_demo() {
   rm -f "$out" "$out.err"
 }
 
-# Reports with velmor-search over the CSV of web requests: failed requests
-# counted by host and status, the same by hour and host (a timechart), the
-# busiest URIs (top) and durations by method. Each report's rows are printed
-# as a table.
+# Reports with velmor-search. Over the demo index: the key=value logs'
+# requests counted by host and status (a field found in the text at search
+# time), and a timechart of the events holding "error" by hour and host; both
+# read every event they select, chunk by chunk, and their totals are checked
+# against grep over the sample logs. Over the CSV of web requests: failed
+# requests by host and status, the same by hour (a timechart), the busiest
+# URIs (top) and durations by method. Each report's rows are printed as a
+# table.
 report_demo() {
-  local out="$VELMOR_HOME/var/run/velmor/report_demo.out" s
+  local out="$VELMOR_HOME/var/run/velmor/report_demo.out" s all
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
   # The rows of the last report as a table: a header of the field names,
   # then one line per row.
   table() {
@@ -304,23 +309,60 @@ report_demo() {
         if (n > 12) print "... (" n " rows)"
       }' "$out" | sed 's/^/     /'
   }
-  echo "== Reports with velmor-search"
+  # The sum of every value in the report's rows, except those of the fields
+  # given (the labels).
+  total() {
+    awk -v skip=" $* " '
+      /^<field k=/ { k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k); next }
+      /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); if (index(skip, " " k " ") == 0) s += v }
+      END { print s + 0 }' "$out"
+  }
+  report() {
+    echo "   velmor-search '$1'"
+    local t0 t1
+    t0=$(date +%s.%N)
+    "$BUILD/bin/velmor-search" "$1" > "$out" 2> "$out.err" || {
+      echo "demo: velmor-search failed on: $1" >&2
+      cat "$out.err" >&2
+      exit 1
+    }
+    t1=$(date +%s.%N)
+    if grep -q '^search processor exception' "$out"; then
+      echo "demo: velmor-search refused: $1" >&2
+      cat "$out" >&2
+      exit 1
+    fi
+    REPORT_SECS=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.2f", b - a }')
+  }
+  local REPORT_SECS sum want
+  echo "== Reports over the demo index with velmor-search"
+  report "search index=demo sourcetype=app_kv | stats count by host status | outputxml"
+  table
+  sum=$(total host status)
+  # shellcheck disable=SC2086
+  want=$(cat $all | grep -cE '^[0-9-]+T[0-9:.]+Z level=[A-Z]+ .* status=' || true)
+  printf '   %s requests counted in %.2f s; grep counts %s key=value lines with a status\n' "$sum" "$REPORT_SECS" "$want"
+  if [ "$sum" != "$want" ]; then
+    echo "demo: the report counted $sum requests, grep finds $want" >&2
+    exit 1
+  fi
+  report "search index=demo error | timechart span=1h count by host | convert ctime(_time) | outputxml"
+  table
+  sum=$(total _time)
+  # shellcheck disable=SC2086
+  want=$(cat $all | grep -icw error || true)
+  printf '   %s events holding "error" charted in %.2f s; grep -icw counts %s\n' "$sum" "$REPORT_SECS" "$want"
+  if [ "$sum" != "$want" ]; then
+    echo "demo: the timechart counted $sum events holding error, grep -icw finds $want" >&2
+    exit 1
+  fi
+  echo "== Reports over the CSV of web requests with velmor-search"
   for s in \
     "| inputcsv sample_access.csv | where status >= 500 | stats count by host status | outputxml" \
     "| inputcsv sample_access.csv | where status >= 500 | timechart span=1h count by host | head 8 | convert ctime(_time) | outputxml" \
     "| inputcsv sample_access.csv | top limit=5 uri | outputxml" \
     "| inputcsv sample_access.csv | stats count avg(duration) perc95(duration) max(bytes) by method | outputxml"; do
-    echo "   velmor-search '$s'"
-    "$BUILD/bin/velmor-search" "$s" > "$out" 2> "$out.err" || {
-      echo "demo: velmor-search failed on: $s" >&2
-      cat "$out.err" >&2
-      exit 1
-    }
-    if grep -q '^search processor exception' "$out"; then
-      echo "demo: velmor-search refused: $s" >&2
-      cat "$out" >&2
-      exit 1
-    fi
+    report "$s"
     table
   done
   rm -f "$out" "$out.err"

@@ -251,7 +251,9 @@ void StatsKeyInfo::writePrestats(std::vector<Entry>& out) const {
   if (_limitReached) num("limit", "1");
   if (!_allNumeric) {
     num("nonnum", "1");
-  } else {
+  } else if (_numMin != kUnset) {
+    // A key that never saw a number (the row count of a group) has none of
+    // these to give.
     num("sum", fixed(places, _sum));
     num("sumsq", fixed(2 * _decimals + 2, _sumsq));
     num("nummin", fixed(places, _numMin));

@@ -9,6 +9,12 @@
 //   velmor-search '<search>' <qid>     internal allowed, the given qid
 // Mode words ignore case; "nointernal" is tested before "file".
 //
+// A search runs to its end through StreamingSearch: a report (stats, chart,
+// top...) reads every event it selects chunk by chunk, through its map
+// half; a search that returns events keeps the newest `max_count` (stanza
+// "search" of limits, 10000). The search's messages (warnings, limits
+// reached) go to standard error as "<TYPE>: <text>" lines.
+//
 // DESIGN: two threads live for the whole run: the main thread, which does
 // all search work, and the EventLoopThread that serves the process runner
 // (external commands). Start-up builds, in order: SIGPIPE ignored, the XML
@@ -25,6 +31,8 @@
 #include <signal.h>
 #include <stdio.h>
 #include <strings.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -39,6 +47,7 @@
 #include "search/SearchProcessor.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "search/dispatch/StreamingSearch.h"
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
 #include "searchthing/ipcver.h"
@@ -126,24 +135,40 @@ void printXml(const SearchResults& results) {
   }
 }
 
+// The search's messages on standard error, "<TYPE>: <text>" each.
+void printMessages(const SearchResultsInfo& info) {
+  for (const auto& [type, texts] : info.messages)
+    for (const Str& t : texts) fprintf(stderr, "%s: %s\n", type.c_str(), t.c_str());
+}
+
+// Runs one search to its end with the streaming driver: a report reads
+// every event it selects, chunk by chunk; a search for events keeps the
+// newest `max_count` of them. On a terminal, standard error shows how many
+// events have been read while a long search runs.
 void plainSearch(const char* search, Str queryId, bool internal, SearchResults& results) {
-  SearchProcessor* p = nullptr;
+  auto info = std::make_unique<SearchResultsInfo>();
+  info->cancelId = "searchtest";
+  if (queryId.empty()) queryId = randomId("searchtest_");
+  info->queryId = queryId;
+  SearchCancel::instance()->start("searchtest");
   try {
-    auto info = std::make_unique<SearchResultsInfo>();
-    info->cancelId = "searchtest";
-    if (queryId.empty()) queryId = randomId("searchtest_");
-    info->queryId = queryId;
-    SearchCancel::instance()->start("searchtest");
-    p = SearchParser::parse(Str(search), internal);
-    p->execute(results, *info);
+    StreamingSearch::Options options;
+    if (isatty(2)) {
+      options.progress = [last = time(nullptr)](size_t events, size_t) mutable {
+        time_t now = time(nullptr);
+        if (now == last) return;
+        last = now;
+        fprintf(stderr, "\r%zu events read", events);
+      };
+    }
+    StreamingSearch run(SearchParser::parse(Str(search), internal), *info, std::move(options));
+    run.run(results, *info);
+    if (isatty(2) && run.eventsRead() > 0) fprintf(stderr, "\r%zu events read\n", run.eventsRead());
     if (!SearchCancel::instance()->cont(info->cancelId)) puts("search cancelled");
-    info.reset();
-    delete p;
-    p = nullptr;
   } catch (const SearchProcessorException& e) {
     printf("search processor exception: %s\n", e.what());
-    delete p;
   }
+  printMessages(*info);
   printXml(results);
 }
 
