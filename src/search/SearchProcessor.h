@@ -31,6 +31,7 @@
 // commands of a pipeline. A command and its pipeline belong to one thread.
 #pragma once
 
+#include <list>
 #include <set>
 #include <vector>
 
@@ -119,6 +120,17 @@ class SearchProcessor {
   // command before it for no more than that.
   // REQUIRES: processArguments() has run.
   virtual long inputRowLimit() const { return -1; }
+
+  // A producer (the first command of a search) that can give the output of
+  // the map commands `ops` by itself, without a row per event, answers true
+  // and from then on gives that output from execute() in their place; the
+  // caller then runs none of them. `ops` stay owned by the caller and must
+  // outlive this command's use of them.
+  // REQUIRES: evalArgs() and processArguments() have run on all.
+  virtual bool absorbMap(const std::list<SearchProcessor*>& ops) {
+    (void)ops;
+    return false;
+  }
 
   virtual const Str& getSearchString() const { return searchString; }
   virtual bool acceptsPartialResults() const { return true; }

@@ -98,7 +98,10 @@ PipelineSplit::PipelineSplit(SearchProcessor* parsed, SearchResultsInfo& info) {
     throw;
   }
   info.firstInPipeline = true;
-  gLogger.debug("split %s", describe().c_str());
+  // A producer that can give the map half's rows itself (an index reader
+  // counting by stored fields) does so without a row per event.
+  if (_prefix.size() == 1 && !_map.empty() && _prefix.front()->absorbMap(_map)) _mapAbsorbed = true;
+  gLogger.debug("split %s%s", describe().c_str(), _mapAbsorbed ? " (map half absorbed)" : "");
 }
 
 PipelineSplit::~PipelineSplit() { release(); }
@@ -150,7 +153,8 @@ bool PipelineSplit::map(SearchResults& batch, SearchResultsInfo& info) {
   bool wasComplete = info.resultsComplete;
   info.resultsComplete = false;
   info.firstInPipeline = false;
-  for (SearchProcessor* p : _map) p->execute_dispatch(batch, info);
+  if (!_mapAbsorbed)
+    for (SearchProcessor* p : _map) p->execute_dispatch(batch, info);
   bool wantsMore = !info.resultsComplete;
   info.resultsComplete = wasComplete || !wantsMore;
   return wantsMore;

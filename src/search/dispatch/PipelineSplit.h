@@ -18,6 +18,8 @@
 //   - rest: that first non-streamable command and everything after it. A
 //     later command that answers isStreamingOpRequired() gets its map half
 //     put on the rest list right ahead of it.
+// A lone producer is offered the map half (SearchProcessor::absorbMap): an
+// index reader may count by stored fields without a row per event.
 // When the very first command is not streamable (`| inputcsv x | ...`)
 // there is no prefix and the rest is the whole search, run once.
 //
@@ -49,6 +51,9 @@ class PipelineSplit {
   const std::list<SearchProcessor*>& mapOps() const { return _map; }
   const std::list<SearchProcessor*>& rest() const { return _rest; }
   bool hasPrefix() const { return !_prefix.empty(); }
+  // Whether the producer gives the map half's rows itself (see
+  // SearchProcessor::absorbMap); map() then runs nothing.
+  bool mapAbsorbed() const { return _mapAbsorbed; }
   // Whether some command of the search needs every row it selects: one
   // that reduces rows into new ones (stats, top) or that has a map half
   // (chart, dedup, sort). A search without any returns events.
@@ -74,4 +79,5 @@ class PipelineSplit {
 
   std::list<SearchProcessor*> _prefix, _map, _rest;
   bool _reduces = false;
+  bool _mapAbsorbed = false;
 };

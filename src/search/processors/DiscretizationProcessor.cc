@@ -315,6 +315,19 @@ bool DiscretizationProcessor::binOne(const Str& value, Str& out) {
   return true;
 }
 
+bool DiscretizationProcessor::binTime(int64_t t, int64_t& start) {
+  if (!SLUtil::timeBinStart(t, _spanCount, _spanUnit, SLUtil::userTimezone(), start)) return false;
+  double binKey = static_cast<double>(start);
+  if (!_seen || binKey < _minBin) _minBin = binKey;
+  if (!_seen || binKey > _maxBin) _maxBin = binKey;
+  _seen = true;
+  return true;
+}
+
+void DiscretizationProcessor::checkBinnedTimes() const {
+  if (_haveSpan && _seen) checkBinCount(_minBin, _maxBin);
+}
+
 void DiscretizationProcessor::changeValues(SearchResults& results) {
   sr_index_t in = results.keyIndex(_field);
   if (in == SearchResults::nkeyindex) return;

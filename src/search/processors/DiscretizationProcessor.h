@@ -66,6 +66,14 @@ class DiscretizationProcessor : public SearchProcessor {
   // Nominal seconds of the time span used (0 in numeric mode or before).
   long spanSeconds() const { return _spanSeconds; }
   const Str& field() const { return _field; }
+  // For producers that bin event times without making rows: whether this
+  // is `prebin` with a time span given (so every bin is known in advance),
+  // the start of the bin of second `t` as execute() would write it (false
+  // when out of range), and the bin count check execute() does at its end
+  // (throws as execute would).
+  bool binsTimeBySpan() const { return _streaming && _haveSpan && _isTimeSpan; }
+  bool binTime(int64_t t, int64_t& start);
+  void checkBinnedTimes() const;
   const Str& targetName() const { return _target; }
 
   // Chooses the time span for the range [start, end] (see above).

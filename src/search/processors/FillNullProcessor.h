@@ -17,6 +17,8 @@ class FillNullProcessor : public SearchProcessor {
   bool isStreamable() const override { return !_fields.empty(); }
   void processArguments() override;
   void execute(SearchResults& results, SearchResultsInfo& info) override;
+  // The fields named (empty: every key).
+  const std::vector<Str>& fields() const { return _fields; }
 
  private:
   void fill(SearchResults& results, const std::vector<Str>& fields);

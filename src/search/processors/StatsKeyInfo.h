@@ -39,6 +39,7 @@ class StatsKeyInfo {
   void addValue(const Str& value);
   // Counts a row without a value: the row count of a group.
   void addRow() { ++_count; }
+  void addRows(unsigned long n) { _count += n; }
   // Widens the time bounds (rate).
   void addTime(double t);
   // REQUIRES: `out` has a parent (names are interned there).

@@ -1,5 +1,7 @@
 #include "search/processors/StatsProcessor.h"
 
+#include <cassert>
+
 #include <ctype.h>
 #include <stdlib.h>
 
@@ -332,6 +334,31 @@ void StatsProcessor::execute(SearchResults& results, SearchResultsInfo& info) {
   writePrestats(results);
   // The reduce side may not see more groups than the limit after this, so
   // the warning is given here, once.
+  if (_groupLimitHit && !_warnedLimit) {
+    _warnedLimit = true;
+    warnGroupLimit(info);
+  }
+}
+
+bool StatsProcessor::countsOnly() const {
+  for (const Spec& s : _specs)
+    if (s.func != SF_COUNT || !s.field.empty()) return false;
+  return !_specs.empty();
+}
+
+void StatsProcessor::executeCounts(const GroupCounts& counts, SearchResults& results, SearchResultsInfo& info) {
+  assert(_streaming && countsOnly());
+  _groups.clear();
+  _index.clear();
+  for (const auto& [key, n] : counts) {
+    if (key.size() != _by.size()) continue;
+    _sawRows = _sawBy = true;
+    Group* g = findGroup(key);
+    if (g == nullptr) continue;
+    g->keys[0].addRows(n);
+  }
+  if (_by.empty() && _groups.empty()) findGroup({});
+  writePrestats(results);
   if (_groupLimitHit && !_warnedLimit) {
     _warnedLimit = true;
     warnGroupLimit(info);

@@ -59,6 +59,18 @@ class StatsProcessor : public SearchProcessor {
   void execute_input(SearchResults& results, SearchResultsInfo& info) override;
   void execute_output(SearchResults& results, SearchResultsInfo& info) override;
 
+  // Producers that count events without making rows (the index reader
+  // counting by host, source or source type). countsOnly(): every function
+  // counts rows (`count` or `c` without a field), so the map half needs the
+  // number of rows per group and nothing else.
+  bool countsOnly() const;
+  // The map half over counted rows: per group, the values of the `by`
+  // fields in order and its number of rows. Writes the intermediate rows
+  // execute() would write for rows like those, group limit included.
+  // REQUIRES: countsOnly() and the streaming form (`prestats`).
+  typedef std::vector<std::pair<std::vector<Str>, unsigned long>> GroupCounts;
+  void executeCounts(const GroupCounts& counts, SearchResults& results, SearchResultsInfo& info);
+
   // Whether `results` holds rows written by prestats.
   static bool isPreStatResults(const SearchResults& results);
   // Warn at the end when every `by` field was missing from the input.

@@ -184,3 +184,10 @@ bool CursoredSearch::fetchResults(SearchResults& out, unsigned long count) {
   readRows(_ids, out);
   return true;
 }
+
+bool CursoredSearch::fetchValues(std::vector<ValueWrapper>& out, unsigned long count) {
+  int32_t low = 0;
+  if (!fetchIds(out, std::max(count, 1UL), low)) return false;
+  _serial += out.size();
+  return true;
+}

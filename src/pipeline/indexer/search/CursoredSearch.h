@@ -68,6 +68,11 @@ class CursoredSearch {
   // emptied by the filter: call again); false when the range is used up.
   // Throws DatabasePartitionPolicyException when a bucket cannot be queried.
   bool fetchResults(SearchResults& out, unsigned long count);
+  // The same batch as names of events only (no raw text read, no row
+  // made), for counting; `out` is replaced. Only for an exact cursor: the
+  // evaluator's filter is not applied.
+  // REQUIRES: isExact().
+  bool fetchValues(std::vector<ValueWrapper>& out, unsigned long count);
 
   // The real bounds of the search: the constructor's, narrowed by the
   // expression's _time comparisons (whole seconds).

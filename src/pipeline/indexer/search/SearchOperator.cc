@@ -1,6 +1,7 @@
 #include "pipeline/indexer/search/SearchOperator.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "framework/UserManager.h"
 #include "pipeline/indexer/DatabaseContainer.h"
@@ -12,7 +13,10 @@
 #include "search/SearchCancel.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "search/processors/DiscretizationProcessor.h"
+#include "search/processors/FillNullProcessor.h"
 #include "search/processors/SearchEvaluator.h"
+#include "search/processors/StatsProcessor.h"
 #include "search/processors/StringSearchExpander.h"
 #include "util/Exceptions.h"
 #include "util/Logger.h"
@@ -213,12 +217,157 @@ void SearchOperator::setUp(SearchResultsInfo& info) {
                                       : _text;
 }
 
+namespace {
+
+bool countableField(const Str& f) {
+  return f == "host" || f == "source" || f == "sourcetype" || f == "index";
+}
+
+// One group of a counting chunk: the bucket's codes of the fields counted
+// by, and the time bin (unused parts 0).
+struct CountKey {
+  uint32_t bucket = 0, host = 0, source = 0, sourceType = 0;
+  int64_t bin = 0;
+  bool operator==(const CountKey& o) const {
+    return bucket == o.bucket && host == o.host && source == o.source && sourceType == o.sourceType && bin == o.bin;
+  }
+};
+struct CountKeyHash {
+  size_t operator()(const CountKey& k) const {
+    uint64_t h = k.bucket;
+    h = h * 0x9E3779B97F4A7C15ULL ^ k.host;
+    h = h * 0x9E3779B97F4A7C15ULL ^ k.source;
+    h = h * 0x9E3779B97F4A7C15ULL ^ k.sourceType;
+    h = h * 0x9E3779B97F4A7C15ULL ^ static_cast<uint64_t>(k.bin);
+    return static_cast<size_t>(h ^ (h >> 29));
+  }
+};
+
+}  // namespace
+
+bool SearchOperator::absorbMap(const std::list<SearchProcessor*>& ops) {
+  if (!_cursor || !_cursor->isExact() || ops.empty()) return false;
+  auto it = ops.begin();
+  DiscretizationProcessor* bin = dynamic_cast<DiscretizationProcessor*>(*it);
+  if (bin) {
+    if (!bin->binsTimeBySpan() || bin->field() != "_time" || bin->targetName() != "_time") return false;
+    if (++it == ops.end()) return false;
+  }
+  if (auto* fill = dynamic_cast<FillNullProcessor*>(*it)) {
+    if (fill->fields().empty()) return false;
+    for (const Str& f : fill->fields())
+      if (!countableField(f)) return false;
+    if (++it == ops.end()) return false;
+  }
+  auto* stats = dynamic_cast<StatsProcessor*>(*it);
+  if (!stats || !stats->isStreamable() || !stats->countsOnly() || ++it != ops.end()) return false;
+  std::vector<CountDim> dims;
+  for (const Str& f : stats->getByFields()) {
+    if (f == "host") dims.push_back(kHost);
+    else if (f == "source") dims.push_back(kSource);
+    else if (f == "sourcetype") dims.push_back(kSourceType);
+    else if (f == "index") dims.push_back(kIndex);
+    else if (f == "_time" && bin) dims.push_back(kTime);
+    else return false;
+  }
+  _countStats = stats;
+  _countBin = bin;
+  _countDims = std::move(dims);
+  gLogger.debug("Counting events by their stored fields in place of the map half");
+  return true;
+}
+
+void SearchOperator::executeCounts(SearchResults& results, SearchResultsInfo& info) {
+  // Naming an event costs little, and each chunk asks the buckets anew
+  // (a pass over their values of the chunk's time range and newer): chunks
+  // start at a quarter million events and grow fourfold, to 4 million
+  // (about 120 MB of names), so a week of events takes a few passes.
+  static constexpr unsigned long kFirstCountChunk = 250000, kMaxCountChunk = 4000000;
+  if (_countChunk == 0) _countChunk = kFirstCountChunk;
+  const unsigned long chunk = _countChunk;
+  _countChunk = std::min(kMaxCountChunk, _countChunk * 4);
+  bool useHost = false, useSource = false, useType = false, useTime = false;
+  for (CountDim d : _countDims) {
+    useHost |= d == kHost;
+    useSource |= d == kSource;
+    useType |= d == kSourceType;
+    useTime |= d == kTime;
+  }
+  const bool useBucket = useHost || useSource || useType;
+  StatsProcessor::GroupCounts counts;
+  bool more;
+  {
+    ChunkLock lock(_policy);
+    more = _cursor->fetchValues(_values, chunk);
+    std::unordered_map<CountKey, unsigned long, CountKeyHash> groups;
+    // Events come newest first, so the bin of the last one usually holds
+    // the next: [binLow, binHigh) is that bin when it is known to be whole.
+    int64_t binLow = 1, binHigh = 0, binStart = 0;
+    const int64_t spanSeconds = _countBin ? _countBin->spanSeconds() : 0;
+    for (const ValueWrapper& v : _values) {
+      CountKey k;
+      if (useBucket) k.bucket = v.bucketId;
+      if (useHost) k.host = v.host;
+      if (useSource) k.source = v.source;
+      if (useType) k.sourceType = v.sourceType;
+      if (useTime) {
+        if (v.time < binLow || v.time >= binHigh) {
+          if (!_countBin->binTime(v.time, binStart))
+            throw searchError(this, gLogger, "Failed to discretize value '%d' of field '_time'", int(v.time));
+          // The bin is taken whole when its last second bins to the same
+          // start (no change of the clock's offset, no month, in between);
+          // else only this second is known.
+          int64_t lastStart = 0;
+          if (spanSeconds > 0 && _countBin->binTime(binStart + spanSeconds - 1, lastStart) && lastStart == binStart &&
+              binStart <= v.time) {
+            binLow = binStart;
+            binHigh = binStart + spanSeconds;
+          } else {
+            binLow = v.time;
+            binHigh = int64_t(v.time) + 1;
+          }
+        }
+        k.bin = binStart;
+      }
+      ++groups[k];
+    }
+    // Codes become words once per group; a code the bucket no longer knows
+    // is the empty word, as it is in an event's row.
+    const Str index = _policy->getName();
+    counts.reserve(groups.size());
+    for (const auto& [k, n] : groups) {
+      std::vector<Str> key;
+      key.reserve(_countDims.size());
+      for (CountDim d : _countDims) {
+        Str w;
+        switch (d) {
+          case kHost: _policy->getGlobalHostWordForCode(k.bucket, k.host, w); break;
+          case kSource: _policy->getGlobalSourceWordForCode(k.bucket, k.source, w); break;
+          case kSourceType: _policy->getGlobalSourceTypeWordForCode(k.bucket, k.sourceType, w); break;
+          case kIndex: w = index; break;
+          case kTime: w.format("%lld", static_cast<long long>(k.bin)); break;
+        }
+        key.push_back(std::move(w));
+      }
+      counts.emplace_back(std::move(key), n);
+    }
+  }
+  if (_countBin) _countBin->checkBinnedTimes();
+  _countStats->executeCounts(counts, results, info);
+  info.resultsComplete = !more;
+  _chunkEnd = _cursor->getCursorTime();
+}
+
 void SearchOperator::execute(SearchResults& results, SearchResultsInfo& info) {
   if (!_cursor) throw searchError(this, gLogger, "The search was not set up");
   _chunkStart = _cursor->getCursorTime();
   if (!SearchCancel::instance()->cont(info.cancelId)) {
     info.resultsComplete = true;
     _chunkEnd = _chunkStart;
+    return;
+  }
+  if (_countStats) {
+    executeCounts(results, info);
     return;
   }
 

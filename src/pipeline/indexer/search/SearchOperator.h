@@ -43,10 +43,13 @@
 #include <memory>
 #include <vector>
 
+#include "pipeline/indexer/ValueWrapper.h"
 #include "search/SearchProcessor.h"
 #include "util/Timeval.h"
 
 class CursoredSearch;
+class DiscretizationProcessor;
+class StatsProcessor;
 class IPartitionPolicy;
 class SearchEvaluator;
 
@@ -61,6 +64,20 @@ class SearchOperator : public SearchProcessor {
   void parseArguments() override {}
   void evalArgs(SearchResultsInfo& info) override;
   void execute(SearchResults& results, SearchResultsInfo& info) override;
+
+  // Counting in place of the map half of a report. Taken when the index
+  // answers the search exactly and the map half is, in this order,
+  //   [prebin span=<time span> _time |] [fillnull ... <fields> |]
+  //   prestats <counts only> [by <fields>]
+  // where every field is host, source, sourcetype or index (and _time after
+  // the prebin). execute() then names the events of each chunk without
+  // reading their raw text, counts them by the bucket's codes of those
+  // fields (and the time bin), turns the codes into words once per chunk
+  // and hands the counts to the prestats command, which writes the same
+  // rows it would have written over the events themselves. A fillnull of
+  // those fields changes nothing: every event carries them.
+  bool absorbMap(const std::list<SearchProcessor*>& ops) override;
+  bool isCounting() const { return _countStats != nullptr; }
 
   // What evalArgs found; for the commands that wrap this one, and tests.
   const Str& getIndex() const { return _index; }
@@ -83,6 +100,9 @@ class SearchOperator : public SearchProcessor {
 
  private:
   void setUp(SearchResultsInfo& info);
+  void executeCounts(SearchResults& results, SearchResultsInfo& info);
+
+  enum CountDim { kHost, kSource, kSourceType, kIndex, kTime };
 
   std::unique_ptr<SearchEvaluator> _evaluator;
   std::unique_ptr<CursoredSearch> _cursor;
@@ -92,4 +112,10 @@ class SearchOperator : public SearchProcessor {
   unsigned long _chunkSize = kMinChunk;
   int _readLevel = 2;
   Timeval _chunkStart, _chunkEnd;
+  // Counting (absorbMap): borrowed map commands, the fields by position.
+  StatsProcessor* _countStats = nullptr;
+  DiscretizationProcessor* _countBin = nullptr;
+  std::vector<CountDim> _countDims;
+  std::vector<ValueWrapper> _values;
+  unsigned long _countChunk = 0;  // events named by the next counting chunk
 };

@@ -105,6 +105,10 @@ void SearchReplacementProcessor::execute(SearchResults& results, SearchResultsIn
   runFirst(results, info);
 }
 
+bool SearchReplacementProcessor::absorbMap(const std::list<SearchProcessor*>& ops) {
+  return _nonEmpty && _streamOperator && _streamOperator->absorbMap(ops);
+}
+
 void SearchReplacementProcessor::runFirst(SearchResults& results, SearchResultsInfo& info) {
   gLogger.debug("Executing: replacementsearch with query=\"%s\"", _text.c_str());
   if (!_queryId.empty()) info.queryId = _queryId;

@@ -42,6 +42,8 @@ class SearchReplacementProcessor : public SearchProcessor {
   void parseArguments() override {}
   void evalArgs(SearchResultsInfo& info) override;
   void execute(SearchResults& results, SearchResultsInfo& info) override;
+  // Handed on to the `newsearch` of a streaming search (see SearchOperator).
+  bool absorbMap(const std::list<SearchProcessor*>& ops) override;
 
   bool isEmptySearch() const { return !_nonEmpty; }
   const Str& getText() const { return _text; }
