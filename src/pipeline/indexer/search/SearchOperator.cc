@@ -278,14 +278,10 @@ bool SearchOperator::absorbMap(const std::list<SearchProcessor*>& ops) {
 }
 
 void SearchOperator::executeCounts(SearchResults& results, SearchResultsInfo& info) {
-  // Naming an event costs little, and each chunk asks the buckets anew
-  // (a pass over their values of the chunk's time range and newer): chunks
-  // start at a quarter million events and grow fourfold, to 4 million
-  // (about 120 MB of names), so a week of events takes a few passes.
-  static constexpr unsigned long kFirstCountChunk = 250000, kMaxCountChunk = 4000000;
-  if (_countChunk == 0) _countChunk = kFirstCountChunk;
-  const unsigned long chunk = _countChunk;
-  _countChunk = std::min(kMaxCountChunk, _countChunk * 4);
+  // Naming an event costs little: a chunk covers a quarter million of them
+  // (about 15 MB of names; larger chunks spend more on their buffers than
+  // they save in passes over the buckets).
+  static constexpr unsigned long chunk = 250000;
   bool useHost = false, useSource = false, useType = false, useTime = false;
   for (CountDim d : _countDims) {
     useHost |= d == kHost;

@@ -117,5 +117,4 @@ class SearchOperator : public SearchProcessor {
   DiscretizationProcessor* _countBin = nullptr;
   std::vector<CountDim> _countDims;
   std::vector<ValueWrapper> _values;
-  unsigned long _countChunk = 0;  // events named by the next counting chunk
 };
