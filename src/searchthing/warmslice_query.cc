@@ -295,6 +295,12 @@ static const void* time_key(void* ctx, const void* elem) {
   return ws->values + 8 * (uint64_t)*(const uint32_t*)elem;
 }
 
+// The same over the value table itself (8 bytes a value, time first).
+static const void* value_time_key(void* ctx, const void* elem) {
+  (void)ctx;
+  return elem;
+}
+
 // Keys are big-endian signed times; the array runs from newest to oldest.
 static int time_cmp(void* ctx, const void* a, const void* b) {
   (void)ctx;
@@ -422,24 +428,21 @@ static int run_query(query_ctx* q, const st_query_spec* spec, st_tsval* answers,
     if (n <= 0) return n < 0 ? -1 : 0;
   }
 
-  // 8: make the candidates explicit.
+  // 8-9: time cut over the candidates, newest first. When every value is
+  // a candidate, position and value number are one: the cut runs over the
+  // value table itself, and no list of candidates is made (a query of a
+  // time window of a large slice then costs the window, not the slice).
   if (q->ncand == 0) return 0;
-  if (q->all) {
-    q->cand = (uint32_t*)malloc(sizeof(uint32_t) * nv);
-    if (!q->cand) return -1;
-    for (uint32_t v = 0; v < nv; ++v) q->cand[v] = v;
-    q->ncand = nv;
-    q->all = 0;
-  }
-
-  // 9: time cut over the candidates, newest first.
   unsigned char lower[4], upper[4];
   st_put_be32(lower, (uint32_t)q->end);
   st_put_be32(upper, (uint32_t)q->start);
-  int64_t first = 0, last = (int64_t)q->ncand - 1;
-  int hr = st_heur_search(ws, q->cand, sizeof(uint32_t), &first, &last, lower, upper, time_key, time_cmp, NULL);
+  int64_t first = 0, last = (int64_t)(q->all ? nv : q->ncand) - 1;
+  int hr = q->all ? st_heur_search(ws, ws->values, 8, &first, &last, lower, upper, value_time_key, time_cmp, NULL)
+                  : st_heur_search(ws, q->cand, sizeof(uint32_t), &first, &last, lower, upper, time_key, time_cmp,
+                                   NULL);
   if (hr == 2) return 0;
   if (hr == 1) return -1;
+  const int identity = q->all;
 
   // 10: counting only.
   if (capacity == 0) return (int)(last - first);
@@ -460,7 +463,7 @@ static int run_query(query_ctx* q, const st_query_spec* spec, st_tsval* answers,
   // 12: decode, dropping deleted values.
   uint32_t kept = 0;
   for (int64_t pos = first; pos <= last && kept < capacity; ++pos) {
-    st_warm_slice_decode_tsval(ws, q->cand[pos], &answers[kept]);
+    st_warm_slice_decode_tsval(ws, identity ? (uint32_t)pos : q->cand[pos], &answers[kept]);
     if (answers[kept].source != ST_DELETED_SOURCE) ++kept;
   }
   return (int)kept;

@@ -30,7 +30,10 @@ bool DatabasePartitionPolicy::queryOpenBucket(TEDB& b, const std::vector<Str>& a
                                               const std::vector<Str>& orTerms, const std::vector<Str>& notTerms,
                                               int32_t start, int32_t end, size_t want, std::vector<ValueWrapper>& out,
                                               size_t* answered) {
-  std::vector<st_tsval> vals;
+  // The answer buffer of the thread is kept from one query to the next: a
+  // search asks chunk after chunk, and fresh pages for each cost more than
+  // the answers.
+  thread_local std::vector<st_tsval> vals;
   uint32_t cap = uint32_t(std::min<size_t>(want, ST_MAX_QUERY_ANSWERS));
   b.inUse.fetch_add(1);
   bool ok = b.index().getValues(andTerms, orTerms, notTerms, start, end, cap, engineNow(), vals);
@@ -40,6 +43,7 @@ bool DatabasePartitionPolicy::queryOpenBucket(TEDB& b, const std::vector<Str>& a
   out.reserve(out.size() + vals.size());
   for (const st_tsval& v : vals)
     if (v.source != ST_DELETED_SOURCE) out.emplace_back(b.id(), v);
+  if (vals.capacity() > (size_t(1) << 22)) std::vector<st_tsval>().swap(vals);  // a rare huge answer is not kept
   return true;
 }
 

@@ -1,8 +1,9 @@
 // velmor-search reading real indexes of a scratch installation: the events a
 // search prints (the _raw of its rows through outputxml) are, line for line,
-// the lines grep finds in the logs that were indexed; events of two buckets
-// whose times interleave come back newest first without duplicates; head
-// keeps the newest; time bounds cut exactly; an unknown index finds nothing.
+// the lines grep finds in the logs that were indexed; reports over every
+// event count what grep and awk count; events of two buckets whose times
+// interleave come back newest first without duplicates; head keeps the
+// newest; time bounds cut exactly; an unknown index finds nothing.
 //
 // Every child process (the tools and the grep pipelines) runs under
 // timeout(1), so a hung search fails the test instead of stalling it.
@@ -12,6 +13,8 @@
 
 #include <stdlib.h>
 #include <unistd.h>
+
+#include <limits.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -218,6 +221,96 @@ TEST_F(SearchIndexTest, EventsFoundEqualGrepLinesOverLoghub) {
   // searched when the search names none.
   EXPECT_EQ(search("search * | outputxml").size(), shellLines(cat + "cat").size());
   EXPECT_EQ(sorted(search("search sshd failed | outputxml")), sorted(shellLines(cat + "grep -iw sshd | grep -iw failed")));
+}
+
+// The rows a report prints through outputxml, each as "field=value" pairs
+// joined by blanks in the order printed.
+std::vector<std::string> reportRows(const std::string& out) {
+  std::vector<std::string> rows;
+  size_t at = 0;
+  while ((at = out.find("<result ", at)) != std::string::npos) {
+    size_t end = out.find("</result>", at);
+    if (end == std::string::npos) break;
+    std::string row;
+    for (size_t f = out.find("<field k='", at); f != std::string::npos && f < end;
+         f = out.find("<field k='", f + 1)) {
+      size_t k = f + 10, kEnd = out.find('\'', k);
+      size_t t = out.find("<text>", kEnd), tEnd = out.find("</text>", t);
+      if (t == std::string::npos || tEnd > end) break;
+      if (!row.empty()) row += ' ';
+      row += out.substr(k, kEnd - k) + "=" + unescape(out.substr(t + 6, tEnd - t - 6));
+    }
+    rows.push_back(row);
+    at = end;
+  }
+  return rows;
+}
+
+// Reports over loghub logs, one source type each, against counts made by
+// grep and awk over the same files: counts by source type and by source
+// (answered from the index's codes), a count by a word, and hourly counts
+// of one log, whose nonzero hours must be awk's hours in order. Each report
+// is also run with an eval in front of it, which makes every event go
+// through the report as a row: both ways must print the same rows.
+TEST_F(SearchIndexTest, ReportsOverLoghubCountWhatGrepCounts) {
+  std::vector<std::string> logs;
+  for (const char* s : {"Linux", "OpenSSH", "Apache"}) {
+    std::string log = kLoghub + s + "/" + s + "_2k.log";
+    if (access(log.c_str(), R_OK) != 0) GTEST_SKIP() << "no sample logs under " << kLoghub;
+    ASSERT_NO_FATAL_FAILURE(index({"add", "lh", log, "--sourcetype", s}));
+    logs.push_back(log);
+  }
+  auto count = [&](const std::string& file, const std::string& filter) {
+    std::vector<std::string> l = shellLines("awk 1 '" + file + "' | " + filter + " | wc -l");
+    return l.empty() ? std::string("?") : std::to_string(atol(l[0].c_str()));
+  };
+  auto report = [&](const std::string& text) {
+    ToolRun r = run(kSearch, {text + " | outputxml"});
+    EXPECT_EQ(r.status, 0) << text << "\n" << r.err;
+    std::vector<std::string> rows = reportRows(r.out);
+    // The same report over rows of the events.
+    std::string slow = text;
+    slow.insert(slow.find(" | "), " | eval unused=1");
+    ToolRun s2 = run(kSearch, {slow + " | outputxml"});
+    EXPECT_EQ(reportRows(s2.out), rows) << slow;
+    return rows;
+  };
+  struct Case {
+    std::string search;
+    std::vector<std::string> want;
+  };
+  const std::vector<Case> cases = {
+      {"search index=lh * | stats count by sourcetype",
+       {"sourcetype=Apache count=" + count(logs[2], "cat"), "sourcetype=Linux count=" + count(logs[0], "cat"),
+        "sourcetype=OpenSSH count=" + count(logs[1], "cat")}},
+      {"search index=lh error | stats count", {"count=" + count(logs[0] + "' '" + logs[1] + "' '" + logs[2], "grep -iw error")}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(report(c.search), c.want) << c.search;
+  // Sources are stored as real paths, in name order; a log without the
+  // word makes no group.
+  std::vector<std::string> bySource;
+  for (size_t i : {2, 0, 1}) {
+    char real[PATH_MAX];
+    ASSERT_NE(realpath(logs[i].c_str(), real), nullptr);
+    std::string n = count(logs[i], "grep -iw failed");
+    if (n != "0") bySource.push_back(std::string("source=") + real + " count=" + n);
+  }
+  EXPECT_EQ(bySource.size(), 2u);  // Apache has no "failed"
+  EXPECT_EQ(report("search index=lh failed | stats count by source"), bySource);
+
+  // Hours of the OpenSSH log ("Dec 10 06:55:46 ..."): awk's counts of each
+  // hour in file order are the timechart's nonzero bins in time order.
+  std::vector<std::string> hours = shellLines(
+      "awk '{ k = $1 \" \" $2 \" \" substr($3, 1, 2); if (k != last) { if (n) print n; n = 0; last = k } n++ } "
+      "END { print n }' '" + logs[1] + "'");
+  std::vector<std::string> bins;
+  for (const std::string& row : report("search index=lh sourcetype=OpenSSH | timechart span=1h count")) {
+    size_t at = row.find(" count=");
+    ASSERT_NE(at, std::string::npos) << row;
+    if (row.substr(at + 7) != "0") bins.push_back(row.substr(at + 7));
+  }
+  EXPECT_GT(hours.size(), 3u);
+  EXPECT_EQ(bins, hours);
 }
 
 // One event a second from 2026-11-20T00:00:00Z for two hours; "evt<n>" and
