@@ -296,6 +296,44 @@ static void merge_answers(st_tsval* a, uint32_t* na, const st_tsval* b, uint32_t
   *na = k;
 }
 
+namespace {
+// Three answer arrays of the same capacity, for st_tsidx_query's merge.
+struct merge_buffers {
+  st_tsval* merged = nullptr;
+  st_tsval* got = nullptr;
+  st_tsval* tmp = nullptr;
+  uint32_t cap = 0;
+  ~merge_buffers() {
+    free(merged);
+    free(got);
+    free(tmp);
+  }
+};
+
+void merge_buffers_release(merge_buffers* b) {
+  free(b->merged);
+  free(b->got);
+  free(b->tmp);
+  b->merged = b->got = b->tmp = nullptr;
+  b->cap = 0;
+}
+
+// Room for n answers in each; 0, or -1 with nothing held when out of memory.
+int merge_buffers_reserve(merge_buffers* b, uint32_t n) {
+  if (n <= b->cap) return 0;
+  merge_buffers_release(b);
+  b->merged = static_cast<st_tsval*>(malloc(n * sizeof(st_tsval)));
+  b->got = static_cast<st_tsval*>(malloc(n * sizeof(st_tsval)));
+  b->tmp = static_cast<st_tsval*>(malloc(n * sizeof(st_tsval)));
+  if (!b->merged || !b->got || !b->tmp) {
+    merge_buffers_release(b);
+    return -1;
+  }
+  b->cap = n;
+  return 0;
+}
+}  // namespace
+
 int st_tsidx_query(st_tsidx* t, st_query_spec* q, st_tsval* answers, uint32_t capacity, uint32_t skip) {
   st_slice_list list;
   if (st_slice_list_read(t->path, &list) != 0) return -1;
@@ -336,17 +374,20 @@ int st_tsidx_query(st_tsidx* t, st_query_spec* q, st_tsval* answers, uint32_t ca
   }
   uint64_t total64 = static_cast<uint64_t>(capacity) + skip;
   uint32_t total = total64 > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<uint32_t>(total64);
-  st_tsval* merged = static_cast<st_tsval*>(malloc(total * sizeof(st_tsval)));
-  st_tsval* got = static_cast<st_tsval*>(malloc(total * sizeof(st_tsval)));
-  st_tsval* tmp = static_cast<st_tsval*>(malloc(total * sizeof(st_tsval)));
-  if (!merged || !got || !tmp) {
-    free(merged);
-    free(got);
-    free(tmp);
+  // The three merge buffers of the calling thread are kept from one query
+  // to the next (a search asks chunk after chunk with the same capacity):
+  // fresh pages for each query cost more than the merge itself. Buffers
+  // above kKeepAnswers answers are given back after the query.
+  static constexpr uint32_t kKeepAnswers = 1u << 20;
+  static thread_local merge_buffers bufs;
+  if (merge_buffers_reserve(&bufs, total) != 0) {
     st_slice_list_free(&list);
     errno = ENOMEM;
     return -1;
   }
+  st_tsval* merged = bufs.merged;
+  st_tsval* got = bufs.got;
+  st_tsval* tmp = bufs.tmp;
   uint32_t held = 0;
   for (size_t i = 0; i < list.n; ++i) {
     // Newest first: once the array is full, start has been raised to the
@@ -371,9 +412,7 @@ int st_tsidx_query(st_tsidx* t, st_query_spec* q, st_tsval* answers, uint32_t ca
     rc = static_cast<int>(held - skip);
     memcpy(answers, merged + skip, static_cast<size_t>(rc) * sizeof(st_tsval));
   }
-  free(merged);
-  free(got);
-  free(tmp);
+  if (total > kKeepAnswers) merge_buffers_release(&bufs);
   st_slice_list_free(&list);
   return rc;
 }
