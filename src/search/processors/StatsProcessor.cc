@@ -181,26 +181,47 @@ long StatsProcessor::slotFor(const Str& field) {
   return slot;
 }
 
-size_t StatsProcessor::KeyHash::operator()(const std::vector<Str>& k) const {
-  size_t h = k.size();
-  for (const Str& s : k) h = h * 1000003u ^ std::hash<std::string_view>()(std::string_view(s));
-  return h;
+size_t StatsProcessor::FlatHash::operator()(const Str& k) const {
+  return std::hash<std::string_view>()(std::string_view(k));
+}
+
+void StatsProcessor::flatKey(const std::vector<const Str*>& values, Str& out) {
+  out.clear();
+  for (const Str* v : values) {
+    uint32_t n = static_cast<uint32_t>(v->size());
+    out.append(reinterpret_cast<const char*>(&n), sizeof n);
+    out.append(*v);
+  }
 }
 
 StatsProcessor::Group* StatsProcessor::findGroup(const std::vector<Str>& key) {
-  auto found = _index.find(key);
+  _valuePtrs.clear();
+  for (const Str& k : key) _valuePtrs.push_back(&k);
+  return findGroup(_valuePtrs);
+}
+
+StatsProcessor::Group* StatsProcessor::findGroup(const std::vector<const Str*>& values) {
+  flatKey(values, _flat);
+  auto found = _index.find(_flat);
   if (found != _index.end()) return &found->second->second;
+  std::vector<Str> key;
+  key.reserve(values.size());
+  for (const Str* v : values) key.push_back(*v);
   if (_maxGroups != 0 && _groups.size() >= _maxGroups) {
     // Keep the groups first in key order: a later, smaller key pushes out
     // the largest one, which can never come back.
     _groupLimitHit = true;
     auto last = std::prev(_groups.end());
     if (!(key < last->first)) return nullptr;
-    _index.erase(last->first);
+    std::vector<const Str*> lastValues;
+    for (const Str& k : last->first) lastValues.push_back(&k);
+    Str lastFlat;
+    flatKey(lastValues, lastFlat);
+    _index.erase(lastFlat);
     _groups.erase(last);
   }
-  auto it = _groups.emplace(key, Group()).first;
-  _index.emplace(key, it);
+  auto it = _groups.emplace(std::move(key), Group()).first;
+  _index.emplace(_flat, it);
   it->second.keys.emplace_back(_slotOpts[0], _limits);
   return &it->second;
 }
@@ -233,7 +254,7 @@ void StatsProcessor::readRows(SearchResults& results) {
     if (slot > 0) fields.emplace_back(kv.second, static_cast<size_t>(slot));
   }
   sr_index_t timeIdx = results.keyIndex("_time");
-  std::vector<Str> key(_by.size());
+  std::vector<const Str*> key(_by.size());
   for (SearchResult* row : results) {
     _sawRows = true;
     bool all = true;
@@ -242,7 +263,7 @@ void StatsProcessor::readRows(SearchResults& results) {
       if (v == nullptr)
         all = false;
       else
-        key[k] = *v;
+        key[k] = v;
     }
     if (!all) continue;
     Group* g = findGroup(key);
@@ -268,7 +289,7 @@ void StatsProcessor::readPrestats(SearchResults& results) {
   std::vector<sr_index_t> byIdx;
   for (const Str& b : _by) byIdx.push_back(results.keyIndex(b));
   _sawBy = true;
-  std::vector<Str> key(_by.size());
+  std::vector<const Str*> key(_by.size());
   for (SearchResult* row : results) {
     _sawRows = true;
     const Str* k = row->getValuePtr(keyIdx);
@@ -277,7 +298,7 @@ void StatsProcessor::readPrestats(SearchResults& results) {
     for (size_t b = 0; b < byIdx.size(); ++b) {
       const Str* v = row->getValuePtr(byIdx[b]);
       if (v == nullptr) throw searchError(this, gLogger, kCorrupt, "groupby key(s) missing");
-      key[b] = *v;
+      key[b] = v;
     }
     long slot = k->empty() ? 0 : slotFor(*k);
     if (slot < 0) continue;
@@ -330,7 +351,7 @@ void StatsProcessor::execute(SearchResults& results, SearchResultsInfo& info) {
   _groups.clear();
   _index.clear();
   execute_input(results, info);
-  if (_by.empty() && _groups.empty()) findGroup({});
+  if (_by.empty() && _groups.empty()) findGroup(std::vector<Str>());
   writePrestats(results);
   // The reduce side may not see more groups than the limit after this, so
   // the warning is given here, once.
@@ -357,7 +378,7 @@ void StatsProcessor::executeCounts(const GroupCounts& counts, SearchResults& res
     if (g == nullptr) continue;
     g->keys[0].addRows(n);
   }
-  if (_by.empty() && _groups.empty()) findGroup({});
+  if (_by.empty() && _groups.empty()) findGroup(std::vector<Str>());
   writePrestats(results);
   if (_groupLimitHit && !_warnedLimit) {
     _warnedLimit = true;
@@ -374,7 +395,7 @@ void StatsProcessor::warnGroupLimit(SearchResultsInfo& info) const {
 
 void StatsProcessor::execute_output(SearchResults& results, SearchResultsInfo& info) {
   results.free(false);
-  if (_by.empty() && _groups.empty()) findGroup({});
+  if (_by.empty() && _groups.empty()) findGroup(std::vector<Str>());
   std::vector<sr_index_t> byIdx;
   for (const Str& b : _by) byIdx.push_back(results.keyIndex(b, true));
   // Result columns in slot order, so that the column order is stable.

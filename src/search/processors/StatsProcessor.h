@@ -99,14 +99,19 @@ class StatsProcessor : public SearchProcessor {
     std::vector<StatsKeyInfo> keys;  // by slot; slot 0 counts rows
   };
   typedef std::map<std::vector<Str>, Group> GroupMap;
-  struct KeyHash {
-    size_t operator()(const std::vector<Str>& k) const;
+  struct FlatHash {
+    size_t operator()(const Str& k) const;
   };
 
   void parseSpec(const Str& word);
   // The slot of a field (made on first use), or -1 if no spec wants it.
   long slotFor(const Str& field);
   Group* findGroup(const std::vector<Str>& key);
+  // The same by the values themselves (no copy unless the group is new).
+  Group* findGroup(const std::vector<const Str*>& values);
+  // The flat form of a key: each value as its 4-byte length, then its
+  // bytes; one string, so that a lookup hashes and compares one buffer.
+  static void flatKey(const std::vector<const Str*>& values, Str& out);
   StatsKeyInfo& keyInfo(Group& g, size_t slot);
   void readRows(SearchResults& results);
   void readPrestats(SearchResults& results);
@@ -123,8 +128,11 @@ class StatsProcessor : public SearchProcessor {
   std::vector<Str> _slotField;
   std::vector<StatsInclOptions> _slotOpts;
   GroupMap _groups;  // in key order, for the output
-  // The same groups by hash: the lookup of every row goes here.
-  std::unordered_map<std::vector<Str>, GroupMap::iterator, KeyHash> _index;
+  // The same groups by the hash of their flat keys: the lookup of every row
+  // goes here.
+  std::unordered_map<Str, GroupMap::iterator, FlatHash> _index;  // by flat key
+  Str _flat;                                   // scratch of findGroup
+  std::vector<const Str*> _valuePtrs;          // scratch of findGroup
   StatsLimits _limits;
   size_t _maxGroups = 0;
   bool _groupLimitHit = false;
