@@ -292,6 +292,29 @@ void SearchResults::append(const SearchResults& other, size_t start, size_t coun
   }
 }
 
+void SearchResults::takeRows(SearchResults& other) {
+  if (&other == this) return;
+  if (sameKeyMap(other)) {
+    for (SearchResult* src : other) {
+      SearchResult* r = new SearchResult(this, _maxKeyIndex);
+      r->usurp(*src);
+      push_back(r);
+    }
+  } else {
+    std::vector<std::pair<sr_index_t, sr_index_t>> map;
+    for (const auto& kv : other._keyMap) map.emplace_back(kv.second, keyIndex(kv.first, true));
+    for (const auto& kv : other._internalKeyMap) map.emplace_back(kv.second, internalKeyIndex(kv.first, true));
+    for (SearchResult* src : other) {
+      SearchResult* r = new SearchResult(this, _maxKeyIndex);
+      const std::vector<Str*>& vals = src->vals();
+      for (const auto& p : map)
+        if (p.first <= vals.size() && vals[p.first - 1]) r->assign(p.second, new Str(std::move(*vals[p.first - 1])));
+      push_back(r);
+    }
+  }
+  other.deleteRows();
+}
+
 void SearchResults::free(bool keepKeys) {
   deleteRows();
   if (keepKeys) return;

@@ -104,6 +104,10 @@ class SearchResults : public std::list<SearchResult*> {
   SearchResult* moveResult(iterator old, bool erase);
   // Copies up to `count` (0: all) rows of `other` after skipping `start`.
   void append(const SearchResults& other, size_t start = 0, size_t count = 0);
+  // Moves every row of `other` to the end of this set, values and all (the
+  // translation between the two dictionaries is made once, not per row);
+  // `other` keeps its dictionary and is left without rows.
+  void takeRows(SearchResults& other);
   // Deletes all rows; unless keepKeys also forgets dictionaries, caches and
   // the spill file list.
   void free(bool keepKeys = false);

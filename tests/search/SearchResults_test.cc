@@ -145,6 +145,24 @@ TEST(SearchResults, CopyAcrossDictionaries) {
   EXPECT_EQ(rowsOf(mover), (std::vector<Row>{{{"a", "1"}}}));
   EXPECT_EQ(src.size(), 2u);
 
+  // Taking every row: values move under the names they had, across a
+  // different dictionary and within the same one; the source keeps its
+  // names but no row.
+  SearchResults taker;
+  taker.keyIndex("b", true);
+  taker.addNewResult()->setValue(taker.keyIndex("b"), Str("0"));
+  SearchResults moved(src);
+  taker.takeRows(moved);
+  EXPECT_EQ(rowsOf(taker), (std::vector<Row>{{{"b", "0"}}, {{"b", "2"}}, {{"a", "3"}, {"b", "4"}}}));
+  EXPECT_TRUE(moved.empty());
+  EXPECT_NE(moved.keyIndex("a"), SearchResults::nkeyindex);
+  EXPECT_EQ(taker.back()->getParent(), &taker);
+  SearchResults twin(src, false);
+  SearchResults again(src);
+  twin.takeRows(again);
+  EXPECT_EQ(rowsOf(twin), rowsOf(src));
+  EXPECT_TRUE(again.empty());
+
   SearchResults thief;
   thief.usurp(src);
   EXPECT_TRUE(src.empty());

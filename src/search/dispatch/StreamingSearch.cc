@@ -38,7 +38,7 @@ void StreamingSearch::gather(SearchResults& batch, SearchResults& gathered) {
     gathered.usurp(batch, true);
     return;
   }
-  for (auto it = batch.begin(); it != batch.end(); ++it) gathered.moveResult(it, false);
+  gathered.takeRows(batch);
   batch.free(false);
 }
 
