@@ -42,19 +42,22 @@ void SearchPipeline::evalArgs(SearchResultsInfo& info) {
   pipelineArgsEvaluated = true;
   bool first = true;
   for (SearchProcessor* p : processors) {
-    info.firstInPipeline = first;
+    evaluateMember(p, info, first);
     first = false;
-    try {
-      p->evalArgs(info);
-      p->processArguments();
-    } catch (const SearchProcessorException&) {
-      throw;
-    } catch (const std::exception& e) {
-      throw SearchProcessorException(e.what());
-    } catch (...) {
-      throw searchError(gLogger, "Unknown exception evaluating arguments for command: '%s'",
-                        p->getName().c_str());
-    }
+  }
+}
+
+void SearchPipeline::evaluateMember(SearchProcessor* p, SearchResultsInfo& info, bool first) {
+  info.firstInPipeline = first;
+  try {
+    p->evalArgs(info);
+    p->processArguments();
+  } catch (const SearchProcessorException&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw SearchProcessorException(e.what());
+  } catch (...) {
+    throw searchError(gLogger, "Unknown exception evaluating arguments for command: '%s'", p->getName().c_str());
   }
 }
 

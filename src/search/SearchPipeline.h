@@ -30,6 +30,11 @@ class SearchPipeline : public SearchProcessor {
   bool acceptsPartialResults() const override;
   Str toString(unsigned int indent) const override;
 
+  // Evaluates one member's arguments (evalArgs, then processArguments) with
+  // "first in pipeline" as given; every failure comes out as
+  // SearchProcessorException. Also for drivers that run members themselves.
+  static void evaluateMember(SearchProcessor* p, SearchResultsInfo& info, bool first);
+
   // "name search| name search..." for a list of commands.
   static Str processorListToSearch(const std::list<SearchProcessor*>& procs);
 

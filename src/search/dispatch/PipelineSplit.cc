@@ -28,18 +28,6 @@ std::list<SearchProcessor*> membersOf(SearchProcessor* parsed) {
   return out;
 }
 
-void evaluate(SearchProcessor* p, SearchResultsInfo& info, bool first) {
-  info.firstInPipeline = first;
-  try {
-    p->evalArgs(info);
-    p->processArguments();
-  } catch (const SearchProcessorException&) {
-    throw;
-  } catch (const std::exception& e) {
-    throw SearchProcessorException(e.what());
-  }
-}
-
 void deleteAll(std::list<SearchProcessor*>& l) {
   for (SearchProcessor* p : l) delete p;
   l.clear();
@@ -56,7 +44,7 @@ PipelineSplit::PipelineSplit(SearchProcessor* parsed, SearchResultsInfo& info) {
       SearchProcessor* p = todo.front();
       todo.pop_front();
       _rest.push_back(p);  // owned by a list before anything can throw
-      evaluate(p, info, first);
+      SearchPipeline::evaluateMember(p, info, first);
       first = false;
       if (p->isTransforming() || !p->getStreamingOp().empty()) _reduces = true;
       if (inPrefix) {
@@ -73,7 +61,7 @@ PipelineSplit::PipelineSplit(SearchProcessor* parsed, SearchResultsInfo& info) {
         if (!op.empty() && !_prefix.empty()) {
           std::list<SearchProcessor*> ops = membersOf(SearchParser::parse(op, true));
           _map.splice(_map.end(), ops);
-          for (SearchProcessor* m : _map) evaluate(m, info, false);
+          for (SearchProcessor* m : _map) SearchPipeline::evaluateMember(m, info, false);
         }
       } else if (p->isStreamingOpRequired()) {
         Str op = p->getStreamingOp();
@@ -88,7 +76,7 @@ PipelineSplit::PipelineSplit(SearchProcessor* parsed, SearchResultsInfo& info) {
         }
         for (SearchProcessor* m : ahead) _rest.push_back(m);
         _rest.push_back(p);
-        for (SearchProcessor* m : ahead) evaluate(m, info, false);
+        for (SearchProcessor* m : ahead) SearchPipeline::evaluateMember(m, info, false);
       }
     }
   } catch (...) {
