@@ -134,21 +134,33 @@ void NewSeriesFilterProcessor::makeStats() {
   }
 }
 
-void NewSeriesFilterProcessor::fillNullSeries(SearchResults& results, const Str& series, bool useNull,
-                                              const Str& nullStr) {
+namespace {
+
+enum class SeriesEdit { kKeep, kSet, kDrop };
+
+// Decides every row of every spill file by its series value (null when the
+// row has none): kept, given `*to`, or dropped; each file is written back
+// and the first is loaded again at the end. `create` interns the series
+// name in each file's dictionary first.
+template <typename Decide>
+void rewriteSeries(SearchResults& results, const Str& series, bool create, const Str* to, Decide decide) {
   results.firstFile();
   while (results.readFile()) {
-    sr_index_t si = results.keyIndex(series, useNull);
+    sr_index_t si = results.keyIndex(series, create);
     for (auto it = results.begin(); it != results.end();) {
       const Str* v = si == SearchResults::nkeyindex ? nullptr : (*it)->getValuePtr(si);
-      if (v != nullptr && !v->empty()) {
-        ++it;
-      } else if (useNull) {
-        (*it)->setValue(si, nullStr);
-        ++it;
-      } else {
-        delete *it;
-        it = results.erase(it);
+      switch (decide(v)) {
+        case SeriesEdit::kKeep:
+          ++it;
+          break;
+        case SeriesEdit::kSet:
+          (*it)->setValue(si, *to);
+          ++it;
+          break;
+        case SeriesEdit::kDrop:
+          delete *it;
+          it = results.erase(it);
+          break;
       }
     }
     results.writeFile();
@@ -156,6 +168,16 @@ void NewSeriesFilterProcessor::fillNullSeries(SearchResults& results, const Str&
   }
   results.firstFile();
   if (results.hasFiles()) results.readFile();
+}
+
+}  // namespace
+
+void NewSeriesFilterProcessor::fillNullSeries(SearchResults& results, const Str& series, bool useNull,
+                                              const Str& nullStr) {
+  rewriteSeries(results, series, useNull, &nullStr, [useNull](const Str* v) {
+    if (v != nullptr && !v->empty()) return SeriesEdit::kKeep;
+    return useNull ? SeriesEdit::kSet : SeriesEdit::kDrop;
+  });
 }
 
 void NewSeriesFilterProcessor::judge(SearchResults& plotted) {
@@ -205,28 +227,10 @@ void NewSeriesFilterProcessor::judge(SearchResults& plotted) {
 }
 
 void NewSeriesFilterProcessor::changeValues(SearchResults& results) {
-  results.firstFile();
-  while (results.readFile()) {
-    sr_index_t si = results.keyIndex(_series);
-    if (si != SearchResults::nkeyindex) {
-      for (auto it = results.begin(); it != results.end();) {
-        const Str* v = (*it)->getValuePtr(si);
-        if (v == nullptr || _kept.count(*v)) {
-          ++it;
-        } else if (_useOther) {
-          (*it)->setValue(si, _otherStr);
-          ++it;
-        } else {
-          delete *it;
-          it = results.erase(it);
-        }
-      }
-    }
-    results.writeFile();
-    if (!results.nextFile()) break;
-  }
-  results.firstFile();
-  if (results.hasFiles()) results.readFile();
+  rewriteSeries(results, _series, false, &_otherStr, [this](const Str* v) {
+    if (v == nullptr || _kept.count(*v)) return SeriesEdit::kKeep;
+    return _useOther ? SeriesEdit::kSet : SeriesEdit::kDrop;
+  });
 }
 
 void NewSeriesFilterProcessor::execute(SearchResults& results, SearchResultsInfo& info) {
