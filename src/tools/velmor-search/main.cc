@@ -75,9 +75,8 @@ void runAndDrop(const Str& search, const char* cancelId, const char* qidPrefix) 
   info.queryId = randomId(qidPrefix);
   SearchCancel::instance()->start(cancelId);
   SearchResults results;
-  std::unique_ptr<SearchProcessor> p(SearchParser::parse(search, false));
-  p->execute(results, info);
-  p.reset();
+  StreamingSearch run(SearchParser::parse(search, false), info);
+  run.run(results, info);
   SearchCancel::instance()->cont(cancelId);
 }
 
