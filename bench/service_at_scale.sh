@@ -93,7 +93,7 @@ fail() {
 
 # Starts velmord (it returns once its pipelines run) and sets PID.
 startService() {
-  "$VD" > "$WORK/velmord.out" 2>&1 || { cat "$WORK/velmord.out" >&2; fail "velmord did not start"; }
+  "$VD" -p 0 > "$WORK/velmord.out" 2>&1 || { cat "$WORK/velmord.out" >&2; fail "velmord did not start"; }
   PID=$(cat "$PIDFILE")
 }
 # Events of an index: the EVENTS column of its hot, warm and cold buckets.

@@ -7,7 +7,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache
   libpcre2-dev libxml2-dev libxslt1-dev libsqlite3-dev sqlite3 libssl-dev openssl
-  zlib1g-dev libarchive-dev libbz2-dev libldap2-dev
+  zlib1g-dev libarchive-dev libbz2-dev libldap2-dev slapd ldap-utils curl
   libgtest-dev libgmock-dev libbenchmark-dev
   tzdata python3 gzip miller ripgrep
 )

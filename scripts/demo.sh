@@ -43,6 +43,65 @@ layout_home() {
   MANIFEST="$SAMPLES_DIR/MANIFEST"
 }
 
+# The HTTP side of the demo home: a self-signed certificate for the
+# management port (made once with the openssl command) and the first user,
+# "admin", seeded through user-seed.conf on velmord's first start. The
+# password is drawn once, kept in etc/auth/demo-admin-password (mode 0600)
+# and printed, so that later demos log in with the same one.
+HTTP_PORT=${VELMOR_DEMO_PORT:-8089}
+ADMIN_PASSWORD=""
+
+setup_logins() {
+  local auth="$VELMOR_HOME/etc/auth" pwfile
+  mkdir -p "$auth"
+  chmod 700 "$auth"
+  if [ ! -s "$auth/server.pem" ]; then
+    openssl req -x509 -newkey rsa:2048 -nodes -days 825 -subj "/CN=localhost" \
+      -addext "subjectAltName=DNS:localhost,IP:127.0.0.1" \
+      -keyout "$auth/server.key" -out "$auth/server.crt" 2>/dev/null
+    cat "$auth/server.crt" "$auth/server.key" > "$auth/server.pem"
+    chmod 600 "$auth/server.key" "$auth/server.pem"
+  fi
+  pwfile="$auth/demo-admin-password"
+  if [ ! -s "$pwfile" ]; then
+    (umask 077 && openssl rand -base64 18 | tr -d '/+=\n' > "$pwfile")
+  fi
+  ADMIN_PASSWORD=$(cat "$pwfile")
+  if [ ! -s "$VELMOR_HOME/etc/passwd" ]; then
+    (umask 077 && printf '[seed]\nname = admin\npassword = %s\n' "$ADMIN_PASSWORD" \
+      > "$VELMOR_HOME/etc/bundles/local/user-seed.conf")
+  fi
+  echo "== Logins: https://127.0.0.1:$HTTP_PORT/ (self-signed certificate $auth/server.pem)"
+  echo "   user admin, password $ADMIN_PASSWORD (kept in $pwfile)"
+}
+
+# Logs in to the running velmord over HTTPS with curl and calls its REST
+# paths: the services list with the session key, a wrong password (401),
+# and the same list with HTTP digest authentication.
+http_demo() {
+  local base="https://127.0.0.1:$HTTP_PORT" reply key code
+  echo "== Logging in to velmord over HTTPS with curl"
+  echo "   curl -k $base/services/auth/login -d username=admin -d password=..."
+  reply=$(curl -sk --max-time 10 "$base/services/auth/login" --data-urlencode username=admin \
+    --data-urlencode "password=$ADMIN_PASSWORD")
+  key=$(printf '%s' "$reply" | sed -n 's:.*<sessionKey>\(.*\)</sessionKey>.*:\1:p')
+  if [ -z "$key" ]; then
+    echo "demo: login failed: $reply" >&2
+    exit 1
+  fi
+  echo "   session key: ${key:0:8}... ($(printf '%s' "$key" | wc -c) characters)"
+  echo "   curl -k -H 'Authorization: Velmor <key>' $base/services"
+  curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services" | grep -o '<title>[^<]*</title>' \
+    | sed 's/^/     /'
+  echo "   curl -k -H 'Authorization: Velmor <key>' $base/services/server/info"
+  curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/server/info" | sed 's/^/     /'
+  code=$(curl -sk --max-time 10 -o /dev/null -w '%{http_code}' "$base/services/auth/login" \
+    -d username=admin -d password=wrong)
+  echo "   a wrong password: HTTP $code"
+  code=$(curl -sk --max-time 10 -o /dev/null -w '%{http_code}' --digest -u "admin:$ADMIN_PASSWORD" "$base/services/server/info")
+  echo "   digest authentication (curl --digest -u admin:...) on /services/server/info: HTTP $code"
+}
+
 generate_samples() {
   echo "== Generating sample logs ($SAMPLE_SIZE over $SAMPLE_DAYS days from $SAMPLE_START, seed $SAMPLE_SEED)"
   rm -rf "$SAMPLES_DIR"
@@ -468,7 +527,7 @@ EOF2
   want_routed=$(cat $routed_files | grep -cP '\blevel=ERROR\b|"\s+5\d\d\s' || true)
   echo "== Starting velmord, which follows $SAMPLES_DIR into the index 'live'"
   start=$(date +%s.%N)
-  "$BUILD/bin/velmord" > "$VELMOR_HOME/var/log/velmor/velmord.start" 2>&1 || {
+  "$BUILD/bin/velmord" -p "$HTTP_PORT" > "$VELMOR_HOME/var/log/velmor/velmord.start" 2>&1 || {
     cat "$VELMOR_HOME/var/log/velmor/velmord.start" >&2
     exit 1
   }
@@ -522,6 +581,7 @@ EOF2
     sleep 0.1
   done
   printf '   events: %d (expected %d: the samples, the appended line, 100 new lines; none twice)\n' "$n" $((total + 101))
+  http_demo
   echo "== Stopping velmord (SIGTERM: shutdown by levels)"
   t0=$(date +%s.%N)
   stop_service
@@ -536,6 +596,7 @@ EOF2
 
 find_tools
 layout_home
+setup_logins
 generate_samples
 summarise
 show_config

@@ -9,14 +9,29 @@
 // of its roles), set by whoever starts work on a user's behalf (a search
 // tool, a request handler) with UserContext::Scope.
 //
-// Threads: any thread may call; the answerer is swapped under a mutex and
-// must itself be thread-safe. The user context is per thread.
+// Capabilities are known by registration: registerCapability(component,
+// capability) at start; those used by the system itself are registered
+// before the first check. A capability nobody registered is refused to every
+// user, whatever the answerer says ("Request refused: capability '%s' is
+// unknown to system").
+//
+// Who a user is comes from the installed authentication back end
+// (setAuthManager; the service installs the proxy of the configured back
+// end). The user calls below forward to it; without one they fail.
+//
+// Threads: any thread may call; the answerer, the back end and the
+// capability set are guarded by one mutex, and the answerer and back end
+// must themselves be thread-safe. The user context is per thread.
 #pragma once
 
 #include <memory>
+#include <set>
 #include <vector>
 
+#include "framework/auth/MAuthenticationManager.h"
 #include "util/Str.h"
+
+struct UserContext;
 
 class IUserPermissions {
  public:
@@ -30,10 +45,41 @@ class IUserPermissions {
 class UserManager {
  public:
   static int checkUserPerms(const Str& capability, const Str& user);
+  // checkUserPerms for the user of the calling thread's context; refused
+  // when no context is set.
+  static int checkContextPerms(const Str& capability);
   static std::vector<Str> getSearchFilters(const Str& user);
   // Installs an answerer (null: the admin stand-in again). Returns the one
   // it replaced.
   static std::shared_ptr<IUserPermissions> setPermissions(std::shared_ptr<IUserPermissions> p);
+
+  // The singleton ("Initializing UserManager" at its making).
+  static UserManager& instance();
+
+  // Capabilities. `component` names who registered it (for the log).
+  static void registerCapability(const Str& component, const Str& capability);
+  static bool isCapabilityKnown(const Str& capability);
+  static std::set<Str> getAllCapabilities();
+
+  // The authentication back end (null: none). Returns the one it replaced.
+  static std::shared_ptr<MAuthenticationManager> setAuthManager(std::shared_ptr<MAuthenticationManager> m);
+  static std::shared_ptr<MAuthenticationManager> getAuthManager();
+
+  // 1 and the calling thread's context in `out`, or 0 when none is set.
+  int getUserContextInfo(UserContext& out);
+  // The back end's answers; 0 with a reason in `err` when there is no back end.
+  int userLogin(const Str& user, const Str& password, Str& userId, Str& err);
+  int getUserType(const Str& user, std::set<Str>& roles);
+  // The filters of the user's roles and those the back end attaches.
+  int getUserSrchFilters(const Str& user, std::vector<Str>& out);
+  int saveUser(const userInformation& info, const Str& password, Str& err);
+  int changeUserPassword(const Str& user, const Str& password, Str& err);
+  int isUserSessionValid(const Str& user);
+  // "Velmor", "LDAP", "Scripted", or "" without a back end.
+  Str getAuthSystem();
+
+ private:
+  UserManager();
 };
 
 struct UserContext {

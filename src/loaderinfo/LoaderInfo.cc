@@ -145,7 +145,7 @@ void LoaderInfo::populateFromCommandLine(int argc, char** argv) {
         } else {
           // A port that is not a number leaves the default in place.
           long port;
-          if (Str(value).tryToLong(port) && port >= 0 && port <= 65535) _managementPort = (int)port;
+          if (Str(value).tryToLong(port) && port >= 0 && port <= 65535) setManagementPort((int)port);
         }
         break;
       }

@@ -76,7 +76,12 @@ class LoaderInfo {
   const Str& getInstallName() const { return _installName; }
   void setInstallName(const Str& n) { _installName = n; }
   int getManagementPort() const { return _managementPort; }
-  void setManagementPort(int p) { _managementPort = p; }
+  void setManagementPort(int p) {
+    _managementPort = p;
+    _managementPortGiven = true;
+  }
+  // Whether -p (or setManagementPort) chose the port, over the configured one.
+  bool managementPortGiven() const { return _managementPortGiven; }
   pid_t getPid() const { return _pid; }
   time_t getStartupTime() const { return _startupTime; }
   const Str& getHost() const { return _host; }
@@ -99,6 +104,7 @@ class LoaderInfo {
   Str _configDirectory = "etc";
   Str _installName = "myinstall";
   int _managementPort = 8089;
+  bool _managementPortGiven = false;
   pid_t _pid;
   time_t _startupTime;
   Str _host;

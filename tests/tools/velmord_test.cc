@@ -4,8 +4,11 @@
 // moment of a write burst) or to the files (rotation by rename), and the
 // shape events take on the way (merged lines, times from the text in the
 // stanza's zone, a host and an index set by transforms).
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,7 +85,7 @@ class Service {
       dup2(null, 1);
       dup2(null, 2);
       for (const auto& [k, v] : _home.env()) setenv(k.c_str(), v.c_str(), 1);
-      execl(kVelmord.c_str(), kVelmord.c_str(), "--nodaemon", (char*)nullptr);
+      execl(kVelmord.c_str(), kVelmord.c_str(), "--nodaemon", "-p", _port.c_str(), (char*)nullptr);
       _exit(127);
     }
     // Running once it wrote its pid file.
@@ -115,10 +118,13 @@ class Service {
     return -1;
   }
   pid_t pid() const { return _pid; }
+  // The management port for the next start ("0": any free port).
+  void setPort(int port) { _port = std::to_string(port); }
 
  private:
   const ServiceHome& _home;
   pid_t _pid = -1;
+  std::string _port = "0";
 };
 
 std::string tailOf(const std::string& text, size_t n) { return text.size() > n ? text.substr(text.size() - n) : text; }
@@ -189,7 +195,7 @@ TEST(Velmord, StartsOnceAndStopsByLevels) {
 
 TEST(Velmord, DetachesAndReportsTheStart) {
   ServiceHome home;
-  ToolRun r = runTool(kVelmord, {}, home.path(), home.env());
+  ToolRun r = runTool(kVelmord, {"-p", "0"}, home.path(), home.env());
   ASSERT_EQ(r.status, 0) << r.err;
   std::ifstream f(home.pidFile());
   long pid = 0;
@@ -203,6 +209,82 @@ TEST(Velmord, DetachesAndReportsTheStart) {
     kill(pid_t(pid), SIGKILL);
     FAIL() << "the detached service did not stop";
   }
+}
+
+// A loopback port nobody listens on at the moment of asking.
+int freePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  int port = 0;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  close(fd);
+  return port;
+}
+
+// curl against the service; the body, then a line with the status code.
+ToolRun curl(const ServiceHome& home, std::vector<std::string> args) {
+  args.insert(args.begin(), {"-s", "--max-time", "20", "--retry", "40", "--retry-connrefused", "--retry-delay",
+                             "0", "-w", "\n%{http_code}"});
+  return runTool("/usr/bin/curl", args, home.path(), home.env());
+}
+
+// The first user comes from user-seed.conf; logins over HTTP open sessions
+// whose key (or digest authentication) lets a caller in, and the password
+// is neither stored nor logged in clear.
+TEST(Velmord, LoginsOverHttp) {
+  ServiceHome home;
+  const std::string password = "Tr0ub4dor-and-3";
+  std::ofstream(home.path() + "/etc/bundles/local/user-seed.conf") << "[seed]\nname = admin\npassword = " << password
+                                                                    << "\n";
+  const int port = freePort();
+  ASSERT_GT(port, 0);
+  const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/services";
+  Service s(home);
+  s.setPort(port);
+  s.start();
+
+  ToolRun login = curl(home, {base + "/auth/login", "-d", "username=admin", "-d", "password=" + password});
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(login.out, m, std::regex("<sessionKey>([0-9a-f]{32})</sessionKey>\n</response>\n?\n200$")))
+      << login.out << login.err;
+  const std::string key = m[1];
+
+  struct Call {
+    std::vector<std::string> args;
+    std::string status, bodyHolds;
+  };
+  const Call calls[] = {
+      {{base + "/auth/login", "-d", "username=admin", "-d", "password=wrong"}, "401", "Login failed"},
+      {{base + "/auth/login", "-d", "username=admin"}, "400", "<msg type=\"WARN\">"},
+      {{base + "/server/info"}, "401", "No authentication provided"},
+      {{"-H", "Authorization: Velmor " + key, base + "/server/info"}, "200", "<user>admin</user>"},
+      {{"-H", "Authorization: Velmor " + key, base + "/server/info"}, "200", "<role>Admin</role>"},
+      {{"-H", "Authorization: Velmor 0123456789abcdef0123456789abcdef", base + "/server/info"}, "401", ""},
+      {{"--digest", "-u", "admin:" + password, base + "/server/info"}, "200", "<user>admin</user>"},
+      {{"--digest", "-u", "admin:wrong", base + "/server/info"}, "401", ""},
+      {{base}, "200", "auth/login"},
+      {{base + "/no/such/path"}, "404", ""},
+  };
+  for (const Call& c : calls) {
+    ToolRun r = curl(home, c.args);
+    std::string last = c.args.back();
+    ASSERT_GE(r.out.size(), 3u) << last << r.err;
+    EXPECT_EQ(r.out.substr(r.out.size() - 3), c.status) << last << "\n" << r.out;
+    EXPECT_NE(r.out.find(c.bodyHolds), std::string::npos) << last << "\n" << r.out;
+  }
+
+  EXPECT_EQ(s.stop(), 0);
+  struct stat st;
+  EXPECT_NE(stat((home.path() + "/etc/bundles/local/user-seed.conf").c_str(), &st), 0) << "the seed is used once";
+  ASSERT_EQ(stat((home.path() + "/etc/passwd").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(slurp(home.path() + "/etc/passwd").find(password), std::string::npos);
+  EXPECT_EQ(home.log().find(password), std::string::npos) << "a password reached the log";
 }
 
 // Writes `lines` numbered lines into <home>/logs/app.log in bursts while

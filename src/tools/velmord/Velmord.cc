@@ -17,6 +17,7 @@
 #include "framework/ShutdownManager.h"
 #include "loaderinfo/ConfigXML.h"
 #include "loaderinfo/LoaderInfo.h"
+#include "tools/velmord/VelmordHttp.h"
 #include "tools/velmord/VelmordPlugins.h"
 #include "util/EventLoop.h"
 #include "util/Logger.h"
@@ -61,6 +62,16 @@ int Velmord::run(const std::function<void(const Str& failure)>& started) {
   ProducerConsumerQueue::setRestoreObserver(
       [](const PipelineData& record) { FileInputTracker::instance().notePosition(record); });
 
+  _http = std::make_unique<VelmordHttp>(_loop, _loaderInfo);
+  Str failure;
+  if (!_http->start(failure)) {
+    gLogger.error("%s", failure.c_str());
+    started(failure);
+    return 1;
+  }
+  // Requests stop first, before the inputs.
+  if (ShutdownLevel* apis = shutdown.findLevel("APIs")) apis->registerHandler(_http.get(), "HTTPServer");
+
   _comm = std::make_unique<PipelineComponentCommHandler>();
   _pipelines = std::make_unique<PipelineComponent>(_component, _loaderInfo.getCommonComponentNode(), _comm.get(),
                                                    &_loop, _loaderInfo);
@@ -70,6 +81,7 @@ int Velmord::run(const std::function<void(const Str& failure)>& started) {
   } catch (const std::exception& e) {
     gLogger.error("%s", e.what());
     started(e.what());
+    stopHttp();
     return 1;
   }
   std::vector<Pipeline*> made;
@@ -84,6 +96,7 @@ int Velmord::run(const std::function<void(const Str& failure)>& started) {
   if (_pipelines->pipelines().empty()) {
     started("No pipeline could be built; see var/log/velmor/velmord.log");
     _pipelines->joinPipelines();
+    stopHttp();
     return 1;
   }
   _pipelines->startPipelines();
@@ -115,5 +128,13 @@ int Velmord::run(const std::function<void(const Str& failure)>& started) {
   SignalHandler::instance().unrouteAll();
   _pipelines->joinPipelines();
   _pipelines.reset();
+  stopHttp();
   return 0;
+}
+
+void Velmord::stopHttp() {
+  if (!_http) return;
+  if (ShutdownLevel* apis = ShutdownManager::instance().findLevel("APIs")) apis->unregisterHandler(_http.get());
+  _http->join();
+  _http.reset();
 }

@@ -3,7 +3,8 @@
 //
 // DESIGN. run() builds in this order: the main event loop (owned by the
 // EventLoopMainThread made in main()), the composed component description,
-// the PipelineComponent, the plug-ins, every pipeline (each builds on its
+// the HTTP server on the management port (VelmordHttp; a port that cannot be
+// bound stops the start), the PipelineComponent, the plug-ins, every pipeline (each builds on its
 // own thread; a pipeline that fails is left out and the others run), then
 // opens the start gates and turns the main loop. SIGINT and SIGTERM reach
 // the loop through the signal pipe and start the shutdown by levels; a
@@ -30,6 +31,7 @@ class LoaderInfo;
 class PipelineComponent;
 class PipelineComponentCommHandler;
 class PluginProcessor;
+class VelmordHttp;
 
 class Velmord : public MSignalHandler {
  public:
@@ -47,10 +49,14 @@ class Velmord : public MSignalHandler {
   void handleSignal(int sig) const override;
 
  private:
+  // Unregisters the HTTP side from the shutdown and stops it if it runs.
+  void stopHttp();
+
   EventLoop& _loop;
   LoaderInfo& _loaderInfo;
   xml::node _component;
   std::unique_ptr<PipelineComponentCommHandler> _comm;
   std::unique_ptr<PipelineComponent> _pipelines;
   std::unique_ptr<PluginProcessor> _plugins;
+  std::unique_ptr<VelmordHttp> _http;
 };

@@ -1,0 +1,51 @@
+// VelmordHttp: the service's HTTP side: the server on the management port
+// (and the SSL port, when one is set), the REST dispatcher behind it, the
+// logins it serves through the configured authentication back end, and the
+// timer that drops idle sessions.
+//
+// DESIGN. start() runs on the main thread before the main loop turns: it
+// reads server.conf (the -p option overrides the management port), loads the
+// authentication back end (which seeds the first user from user-seed.conf on
+// a first start), reads restmap.conf, binds the ports and starts accepting on
+// the main loop. The shutdown level "APIs" stops it: signalShutdown() starts
+// a thread that stops accepting, waits for the request threads and closes
+// every connection, then reports completion; join() (after the loop ended)
+// waits for that thread.
+//
+// Ownership: Velmord owns it; the server, dispatcher and session manager are
+// the process's singletons. Threads: start() and join() on the main thread;
+// signalShutdown() on the main loop's thread.
+#pragma once
+
+#include <memory>
+
+#include "framework/MShutdownHandler.h"
+#include "util/Str.h"
+
+class EventLoop;
+class HTTPSessionSweeper;
+class Thread;
+class LoaderInfo;
+class ServerInfoHandler;
+
+class VelmordHttp : public MShutdownHandler {
+ public:
+  VelmordHttp(EventLoop& loop, LoaderInfo& loaderInfo);
+  ~VelmordHttp() override;
+  VelmordHttp(const VelmordHttp&) = delete;
+  VelmordHttp& operator=(const VelmordHttp&) = delete;
+
+  // False with the reason in `failure` when the server cannot listen.
+  bool start(Str& failure);
+  bool signalShutdown() override;
+  // Waits for a shutdown started by signalShutdown() to finish.
+  void join();
+
+ private:
+  EventLoop& _loop;
+  LoaderInfo& _loaderInfo;
+  std::unique_ptr<HTTPSessionSweeper> _sweeper;
+  std::unique_ptr<ServerInfoHandler> _serverInfo;
+  std::unique_ptr<Thread> _stopper;
+  bool _started = false;
+};
