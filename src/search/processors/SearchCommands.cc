@@ -8,6 +8,7 @@
 #include "search/processors/ConversionProcessor.h"
 #include "search/processors/DedupOperator.h"
 #include "search/processors/EvalOperator.h"
+#include "search/processors/ExtractionCommands.h"
 #include "search/processors/FileCommands.h"
 #include "search/processors/FillNullProcessor.h"
 #include "search/processors/FormatResultsProcessor.h"
@@ -60,4 +61,5 @@ void SearchCommands::registerAll() {
   CommonValueCommands::registerAll();
   BinCommands::registerAll();
   ChartCommands::registerAll();
+  ExtractionCommands::registerAll();
 }

@@ -2,7 +2,7 @@
 // adds the pairs to rows: first occurrence wins, existing fields stay, no
 // "_" fields, and key indices that a changed dictionary made stale are not
 // used.
-#include "pipeline/indexer/search/KVTransformer.h"
+#include "search/KVScanner.h"
 
 #include <gtest/gtest.h>
 
@@ -14,14 +14,14 @@ namespace {
 
 std::string pairs(const std::string& text) {
   std::string out;
-  KVTransformer::extract(Str(text), [&](const StrSegment& k, const StrSegment& v) {
+  KVScanner::extract(Str(text), [&](const StrSegment& k, const StrSegment& v) {
     if (!out.empty()) out += "|";
     out += std::string(k.data(), k.size()) + "=" + std::string(v.data(), v.size());
   });
   return out;
 }
 
-TEST(KVTransformerTest, ScannerFindsPairsAtWordStarts) {
+TEST(KVScannerTest, ScannerFindsPairsAtWordStarts) {
   struct Case {
     const char* text;
     const char* want;
@@ -60,7 +60,7 @@ std::string field(const SearchResults& rs, const SearchResult* r, const char* ke
   return v ? std::string(*v) : std::string("<none>");
 }
 
-TEST(KVTransformerTest, AddsFirstOccurrenceWithoutOverwritingOrCreatingInternalKeys) {
+TEST(KVScannerTest, AddsFirstOccurrenceWithoutOverwritingOrCreatingInternalKeys) {
   SearchResults rs;
   sr_index_t raw = rs.keyIndex("_raw", true), host = rs.keyIndex("host", true);
   SearchResult* a = rs.addNewResult();
@@ -71,7 +71,7 @@ TEST(KVTransformerTest, AddsFirstOccurrenceWithoutOverwritingOrCreatingInternalK
   SearchResult* noRaw = rs.addNewResult();
   noRaw->setValue(host, Str("web2"));
 
-  KVTransformer kv;
+  KVScanner kv;
   EXPECT_EQ(kv.apply(rs), 3u);  // user and size of a, user of b
   EXPECT_EQ(field(rs, a, "user"), "ann");
   EXPECT_EQ(field(rs, a, "host"), "web1");
@@ -94,8 +94,8 @@ TEST(KVTransformerTest, AddsFirstOccurrenceWithoutOverwritingOrCreatingInternalK
 // The transformer caches key indices; a dictionary that was dropped (free),
 // had a key removed, or belongs to other results must not be written
 // through stale indices.
-TEST(KVTransformerTest, StaleKeyIndicesAreNotReused) {
-  KVTransformer kv;
+TEST(KVScannerTest, StaleKeyIndicesAreNotReused) {
+  KVScanner kv;
   SearchResults rs;
   sr_index_t raw = rs.keyIndex("_raw", true);
   rs.addNewResult()->setValue(raw, Str("a=1 b=2"));

@@ -1,8 +1,8 @@
-#include "pipeline/indexer/search/KVTransformer.h"
+#include "search/KVScanner.h"
 
 #include "search/SL.h"
 
-void KVTransformer::bind(SearchResults& results) {
+void KVScanner::bind(SearchResults& results) {
   const SearchResults::KeyMap& dict = results.getKeyMap();
   for (auto it = _keys.begin(); it != _keys.end();) {
     auto d = dict.find(it->first);
@@ -14,7 +14,7 @@ void KVTransformer::bind(SearchResults& results) {
   _bound = &results;
 }
 
-sr_index_t KVTransformer::keyIndex(SearchResults& results, std::string_view key) {
+sr_index_t KVScanner::keyIndex(SearchResults& results, std::string_view key) {
   auto it = _keys.find(key);
   if (it != _keys.end()) return it->second;
   Str name(key.data(), key.size());
@@ -23,7 +23,7 @@ sr_index_t KVTransformer::keyIndex(SearchResults& results, std::string_view key)
   return i;
 }
 
-size_t KVTransformer::addFields(SearchResults& results, SearchResult& row, const char* raw, size_t len) {
+size_t KVScanner::addFields(SearchResults& results, SearchResult& row, const char* raw, size_t len) {
   size_t added = 0;
   extract(raw, len, [&](const StrSegment& key, const StrSegment& value) {
     if (key.data()[0] == '_') return;
@@ -35,7 +35,7 @@ size_t KVTransformer::addFields(SearchResults& results, SearchResult& row, const
   return added;
 }
 
-size_t KVTransformer::apply(SearchResults& results, SearchResults::iterator from) {
+size_t KVScanner::apply(SearchResults& results, SearchResults::iterator from) {
   bind(results);
   sr_index_t raw = results.keyIndex(SL::Raw);
   if (raw == 0) return 0;

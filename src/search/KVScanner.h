@@ -1,4 +1,4 @@
-// KVTransformer: the "kv" pass over event rows: finds `key=value` and
+// KVScanner: the automatic key=value scanner of event rows: finds `key=value` and
 // `key="quoted value"` pairs in the raw text and adds them to the row as
 // fields.
 //
@@ -32,7 +32,7 @@
 #include "util/Str.h"
 #include "util/StrSegment.h"
 
-class KVTransformer {
+class KVScanner {
  public:
   // Calls cb(StrSegment key, StrSegment value) for every pair of the text.
   template <typename Callback>
@@ -75,7 +75,7 @@ inline bool endsValue(unsigned char c) {
 }  // namespace kvscan
 
 template <typename Callback>
-void KVTransformer::extract(const char* text, size_t len, Callback&& cb) {
+void KVScanner::extract(const char* text, size_t len, Callback&& cb) {
   const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
   size_t i = 0;
   while (i < len) {
