@@ -26,6 +26,7 @@
 #include "search/processors/StatsCommands.h"
 #include "search/processors/StringConcatProcessor.h"
 #include "search/processors/TotalsProcessor.h"
+#include "search/processors/TransactionCommands.h"
 #include "search/processors/WhereOperator.h"
 
 void SearchCommands::registerAll() {
@@ -62,4 +63,5 @@ void SearchCommands::registerAll() {
   BinCommands::registerAll();
   ChartCommands::registerAll();
   ExtractionCommands::registerAll();
+  TransactionCommands::registerAll();
 }

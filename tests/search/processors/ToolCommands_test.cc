@@ -118,7 +118,7 @@ TEST_F(ToolCommandsTest, CapabilityTablePerRegisteredCommand) {
       {"admin", false, false, false, false, false, true},
       {"outputcsv", false, false, false, false, false, true},
       {"outputxml", false, false, false, false, false, true},
-      {"transaction", false, false, false, false, false, true},
+      {"transaction", false, false, false, false, false, false},
       {"top", false, true, false, true, false, true},
       {"pretop", true, true, false, true, false, true},
       {"rare", false, true, false, true, false, true},
