@@ -340,60 +340,77 @@ search_demo() {
 # requests by host and status, the same by hour (a timechart), the busiest
 # URIs (top) and durations by method. Each report's rows are printed as a
 # table.
-report_demo() {
-  local out="$VELMOR_HOME/var/run/velmor/report_demo.out" s all
-  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
-  # The rows of the last report as a table: a header of the field names,
-  # then one line per row.
-  table() {
-    awk '
-      /^<result / { n++; next }
-      /^<field k=/ {
-        k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k)
-        if (!(k in seen)) { seen[k] = 1; cols[++nc] = k }
-        v = $0
-        if (sub(/^.*<v[^>]*>/, "", v)) { sub(/<\/v>.*$/, "", v); cell[n, k] = v }
-        next
-      }
-      /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); cell[n, k] = cell[n, k] v }
-      END {
-        for (c = 1; c <= nc; c++) {
-          w[c] = length(cols[c])
-          for (r = 1; r <= n && r <= 12; r++) if (length(cell[r, cols[c]]) > w[c]) w[c] = length(cell[r, cols[c]])
-        }
-        line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cols[c]); print line
-        for (r = 1; r <= n && r <= 12; r++) {
-          line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cell[r, cols[c]]); print line
-        }
-        if (n > 12) print "... (" n " rows)"
-      }' "$out" | sed 's/^/     /'
-  }
-  # The sum of every value in the report's rows, except those of the fields
-  # given (the labels).
-  total() {
-    awk -v skip=" $* " '
-      /^<field k=/ { k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k); next }
-      /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); if (index(skip, " " k " ") == 0) s += v }
-      END { print s + 0 }' "$out"
-  }
-  report() {
-    echo "   velmor-search '$1'"
-    local t0 t1
-    t0=$(date +%s.%N)
-    "$BUILD/bin/velmor-search" "$1" > "$out" 2> "$out.err" || {
-      echo "demo: velmor-search failed on: $1" >&2
-      cat "$out.err" >&2
-      exit 1
+# Helpers of the reports below. REPORT_OUT holds the rows of the last
+# report, as outputxml prints them.
+REPORT_OUT=""
+REPORT_SECS=""
+# The rows of the last report as a table: a header of the field names,
+# then one line per row.
+table() {
+  awk '
+    /^<result / { n++; next }
+    /^<field k=/ {
+      k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k)
+      if (!(k in seen)) { seen[k] = 1; cols[++nc] = k }
+      v = $0
+      if (sub(/^.*<v[^>]*>/, "", v)) { sub(/<\/v>.*$/, "", v); cell[n, k] = v }
+      next
     }
-    t1=$(date +%s.%N)
-    if grep -q '^search processor exception' "$out"; then
-      echo "demo: velmor-search refused: $1" >&2
-      cat "$out" >&2
-      exit 1
-    fi
-    REPORT_SECS=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.2f", b - a }')
+    /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); cell[n, k] = cell[n, k] v }
+    END {
+      for (c = 1; c <= nc; c++) {
+        w[c] = length(cols[c])
+        for (r = 1; r <= n && r <= 12; r++) if (length(cell[r, cols[c]]) > w[c]) w[c] = length(cell[r, cols[c]])
+      }
+      line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cols[c]); print line
+      for (r = 1; r <= n && r <= 12; r++) {
+        line = ""; for (c = 1; c <= nc; c++) line = line sprintf("%-*s  ", w[c], cell[r, cols[c]]); print line
+      }
+      if (n > 12) print "... (" n " rows)"
+    }' "$REPORT_OUT" | sed 's/^/     /'
+}
+# The sum of every value in the report's rows, except those of the fields
+# given (the labels).
+total() {
+  awk -v skip=" $* " '
+    /^<field k=/ { k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k); next }
+    /<text>/ { v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v); if (index(skip, " " k " ") == 0) s += v }
+    END { print s + 0 }' "$REPORT_OUT"
+}
+# The values of the fields given, one line per row of the last report.
+fieldvalues() {
+  awk -v want=" $* " '
+    /^<result / { if (line != "") print line; line = ""; next }
+    /^<field k=/ { k = $0; sub(/^<field k=./, "", k); sub(/.>.*$/, "", k); next }
+    /<text>/ {
+      if (index(want, " " k " ") == 0) next
+      v = $0; sub(/^.*<text>/, "", v); sub(/<\/text>.*$/, "", v)
+      line = line == "" ? v : line " " v
+    }
+    END { if (line != "") print line }' "$REPORT_OUT"
+}
+report() {
+  echo "   velmor-search '$1'"
+  local t0 t1
+  t0=$(date +%s.%N)
+  "$BUILD/bin/velmor-search" "$1" > "$REPORT_OUT" 2> "$REPORT_OUT.err" || {
+    echo "demo: velmor-search failed on: $1" >&2
+    cat "$REPORT_OUT.err" >&2
+    exit 1
   }
-  local REPORT_SECS sum want
+  t1=$(date +%s.%N)
+  if grep -q '^search processor exception' "$REPORT_OUT"; then
+    echo "demo: velmor-search refused: $1" >&2
+    cat "$REPORT_OUT" >&2
+    exit 1
+  fi
+  REPORT_SECS=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.2f", b - a }')
+}
+
+report_demo() {
+  local all sum want
+  REPORT_OUT="$VELMOR_HOME/var/run/velmor/report_demo.out"
+  all=$(cut -f1 "$MANIFEST" | sed "s|^\([^/]\)|$SAMPLES_DIR/\1|")
   echo "== Reports over the demo index with velmor-search"
   report "search index=demo sourcetype=app_kv | stats count by host status | outputxml"
   table
@@ -424,7 +441,57 @@ report_demo() {
     report "$s"
     table
   done
-  rm -f "$out" "$out.err"
+  rm -f "$REPORT_OUT" "$REPORT_OUT.err"
+}
+
+# Fields found in the text at search time: the access logs' status (a
+# REPORT- rule of the shipped props.conf), checked against awk over the same
+# files; the key=value logs' durations by component; a rex typed in the
+# search; and the web sessions of the access logs as transactions (the
+# shipped type web_session: one client, no pause over ten minutes), their
+# count checked against awk's own grouping of the same lines.
+field_demo() {
+  local access sum want rows
+  REPORT_OUT="$VELMOR_HOME/var/run/velmor/field_demo.out"
+  access=$(awk -F'\t' -v root="$SAMPLES_DIR/" '$1 ~ /\/access\.log$/ { p = $1; if (p !~ /^\//) p = root p; print p }' "$MANIFEST")
+  echo "== Fields from the text at search time"
+  report "search index=demo sourcetype=web_access | stats count by status | sort status | outputxml"
+  table
+  rows=$(fieldvalues status count | sort)
+  # shellcheck disable=SC2086
+  want=$(cat $access | awk '{ n[$9]++ } END { for (s in n) print s, n[s] }' | sort)
+  if [ "$rows" != "$want" ]; then
+    echo "demo: requests by status differ from awk's:" >&2
+    diff <(echo "$rows") <(echo "$want") >&2 || true
+    exit 1
+  fi
+  printf '   every status count equals awk'"'"'s over the access logs (%s requests, %.2f s)\n' "$(total status)" "$REPORT_SECS"
+  report "search index=demo sourcetype=app_kv | stats count avg(duration_ms) max(duration_ms) by component | sort -count | outputxml"
+  table
+  report 'search index=demo sourcetype=web_access | rex "\"[A-Z]+ /(?<section>[a-z]+)" | top limit=5 section | outputxml'
+  table
+  echo "== Web sessions as transactions (transactiontypes.conf [web_session]: by clientip, pauses under 10 minutes)"
+  report "search index=demo sourcetype=web_access | transaction web_session | stats count as sessions avg(count) as requests_per_session avg(duration) as seconds_per_session max(count) as longest | outputxml"
+  table
+  sum=$(fieldvalues sessions)
+  # The same grouping by awk: a client's request more than 600 s after its
+  # previous one, or 4 hours after the session's first, or after 1000
+  # requests, starts a session.
+  # shellcheck disable=SC2086
+  want=$(cat $access | TZ=UTC awk '{
+      split(substr($4, 2), t, /[\/:]/)
+      m = (index("JanFebMarAprMayJunJulAugSepOctNovDec", t[2]) + 2) / 3
+      print $1, mktime(t[3] " " m " " t[1] " " t[4] " " t[5] " " t[6])
+    }' | sort -k1,1 -k2,2n | awk '$1 != ip || $2 - last > 600 || $2 - first > 14400 || k == 1000 { n++; first = $2; k = 0 }
+           { ip = $1; last = $2; k++ } END { print n + 0 }')
+  printf '   %s sessions in %.2f s; awk groups the same lines into %s\n' "$sum" "$REPORT_SECS" "$want"
+  if [ "$sum" != "$want" ]; then
+    echo "demo: transaction found $sum web sessions, awk $want" >&2
+    exit 1
+  fi
+  report "search index=demo sourcetype=web_access | transaction web_session | sort -count | head 3 | fields clientip count duration | fields - _raw _time | outputxml"
+  table
+  rm -f "$REPORT_OUT" "$REPORT_OUT.err"
 }
 
 # Searches the CSV of web requests with velmor-search: the server errors,
@@ -605,4 +672,5 @@ query_demo
 search_demo
 search_csv_demo
 report_demo
+field_demo
 service_demo
