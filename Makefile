@@ -6,7 +6,7 @@ ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 DEMO_HOME  ?= $(CURDIR)/demo-home
 
-.PHONY: all bootstrap build test test-fast asan demo bench bench-ingest bench-service fuzz clean
+.PHONY: all bootstrap build test test-fast asan demo bench bench-ingest bench-service bench-http fuzz clean
 
 all: build
 
@@ -47,6 +47,10 @@ bench-ingest: build
 # velmord against velmor-index add: lines/s, append-to-found delay, restart with 1000 files (SERVICE_BENCH_MB, default 200).
 bench-service: build
 	bash bench/service_at_scale.sh $(BUILD)
+
+# The HTTP side in process: login, authenticated GET, TLS handshakes per second (HTTP_BENCH_SECONDS, default 3).
+bench-http: build
+	bash bench/http_at_scale.sh $(BUILD)
 
 fuzz: bootstrap
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMOR_FUZZ=ON -DVELMOR_BENCH=OFF
