@@ -44,7 +44,7 @@ class ShutdownManager::AdvanceActor : public InThreadActor {
 };
 
 ShutdownManager::LevelSpecs ShutdownManager::serviceLevels() {
-  return {{"APIs", 1000},     {"Input", 5000},  {"Analysis", 2000},  {"Database1", 0},
+  return {{"APIs", 15000},    {"Input", 5000},  {"Analysis", 2000},  {"Database1", 0},
           {"Database2", 5000}, {"Output", 10000}, {"Pipelines", 4000}, {"Queue", 5000}};
 }
 

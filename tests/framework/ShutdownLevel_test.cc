@@ -68,7 +68,7 @@ TEST(ShutdownLevel, ServiceLevelsInOrder) {
   struct Want {
     const char* name;
     long ms;
-  } want[] = {{"APIs", 1000},     {"Input", 5000},   {"Analysis", 2000},  {"Database1", 0},
+  } want[] = {{"APIs", 15000},    {"Input", 5000},   {"Analysis", 2000},  {"Database1", 0},
               {"Database2", 5000}, {"Output", 10000}, {"Pipelines", 4000}, {"Queue", 5000}};
   ShutdownManager& m = ShutdownManager::instance();
   ASSERT_EQ(m.levelCount(), 8u);

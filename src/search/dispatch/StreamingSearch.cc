@@ -103,6 +103,16 @@ void StreamingSearch::run(SearchResults& out, SearchResultsInfo& info) {
         bool more = _split->fetch(batch, info);
         _events += batch.size();
         ++_chunks;
+        if (_options.onChunk) {
+          ChunkAction action = _options.onChunk(batch);
+          if (action == ChunkAction::Cancel) {
+            _hookCancelled = true;
+            batch.free(false);
+            gathered.free(false);
+            return;  // `out` is left without rows
+          }
+          if (action == ChunkAction::Finish) more = false;
+        }
         if (!batch.empty() && !rest.empty() && !_split->map(batch, info)) more = false;
         gather(batch, gathered);
         if (cap && gathered.size() >= cap) {

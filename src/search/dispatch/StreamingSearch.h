@@ -20,6 +20,10 @@
 //     reading once N rows are gathered;
 //   - the search's cancel id (SearchCancel) ends the reading between
 //     chunks; the rows gathered so far are dropped.
+//   - the chunk hook (Options::onChunk) sees every chunk as the prefix
+//     gave it, before the map half, and may end the reading: Finish keeps
+//     the rows gathered so far (this chunk included) and runs the rest over
+//     them; Cancel drops everything and gives no rows.
 // A spill that cannot be written (a full disk) fails the search with
 // "Could not write search rows to '<path>': <reason>" rather than giving a
 // count that silently misses events.
@@ -40,6 +44,9 @@ class SearchResultsInfo;
 
 class StreamingSearch {
  public:
+  // What the chunk hook wants after a chunk.
+  enum class ChunkAction { Continue, Finish, Cancel };
+
   struct Options {
     // Rows a search that returns events keeps; 0: `max_count`
     // of stanza "search" in limits (default 10000).
@@ -50,6 +57,10 @@ class StreamingSearch {
     Pathname spillParent;
     // Called after every chunk with the events read so far.
     std::function<void(size_t events, size_t chunks)> progress;
+    // Called with every chunk the prefix gave (the events, newest first, as
+    // read), on the search's thread, before the map half. May add fields to
+    // the rows (event typing) and may wait (a paused job) before it answers.
+    std::function<ChunkAction(SearchResults& chunk)> onChunk;
   };
 
   // Splits `parsed` (owned). Argument faults throw SearchProcessorException.
@@ -67,6 +78,8 @@ class StreamingSearch {
   size_t eventsRead() const { return _events; }
   size_t chunks() const { return _chunks; }
   size_t spillFiles() const { return _spilled; }
+  // Whether the chunk hook ended the reading with Cancel.
+  bool cancelledByHook() const { return _hookCancelled; }
 
  private:
   void gather(SearchResults& batch, SearchResults& gathered);
@@ -76,5 +89,6 @@ class StreamingSearch {
   Options _options;
   Pathname _spillDir;  // made on the first spill
   bool _dirHandedOver = false;
+  bool _hookCancelled = false;
   size_t _events = 0, _chunks = 0, _spilled = 0;
 };

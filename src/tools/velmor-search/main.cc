@@ -47,6 +47,7 @@
 #include "search/SearchProcessor.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "search/dispatch/DispatchCommands.h"
 #include "search/dispatch/StreamingSearch.h"
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
@@ -174,6 +175,7 @@ void plainSearch(const char* search, Str queryId, bool internal, SearchResults& 
 // Everything between start-up and shutdown of the runtime.
 void runModes(int argc, char** argv) {
   SearchCommands::registerAll();
+  DispatchCommands::registerAll();
   ToolCommands::registerAll();
   IndexSearchCommands::install();
   xml::node config;

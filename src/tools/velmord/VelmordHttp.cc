@@ -9,6 +9,15 @@
 #include "framework/rest/HTTPSessionSweeper.h"
 #include "framework/rest/ServerInfoHandler.h"
 #include "loaderinfo/LoaderInfo.h"
+#include "pipeline/indexer/search/IndexSearchCommands.h"
+#include "search/dispatch/DispatchCommands.h"
+#include "search/dispatch/DispatchDirs.h"
+#include "search/dispatch/DispatchReaper.h"
+#include "search/dispatch/DispatchSearch.h"
+#include "search/dispatch/DispatchThread.h"
+#include "search/dispatch/StreamedSearch.h"
+#include "search/processors/SearchCommands.h"
+#include "search/processors/ToolCommands.h"
 #include "util/EventLoop.h"
 #include "util/Logger.h"
 #include "util/Thread.h"
@@ -16,18 +25,25 @@
 static Logger gLogger("velmord");
 
 namespace {
+// How often finished jobs past their time to live are removed.
+constexpr long kReaperPeriodSeconds = 60;
+// How long the running jobs get to write their status at shutdown.
+constexpr double kJobStopSeconds = 10;
+}  // namespace
+
+namespace {
 // Stops the server off the loop's thread, which must keep turning meanwhile.
 class HttpStopper : public Thread {
  public:
-  explicit HttpStopper(MShutdownHandler& done) : Thread("HttpStopper"), _done(done) {}
+  explicit HttpStopper(VelmordHttp& http) : Thread("HttpStopper"), _http(http) {}
   ~HttpStopper() override { joinEvenIfUnstarted(); }
   void main() override {
-    HTTPServer::instance()->handleShutdown();
-    _done.signalShutdownComplete();
+    _http.stopAll();
+    _http.signalShutdownComplete();
   }
 
  private:
-  MShutdownHandler& _done;
+  VelmordHttp& _http;
 };
 }  // namespace
 
@@ -52,13 +68,28 @@ bool VelmordHttp::start(Str& failure) {
   HTTPAuthManager& auth = HTTPAuthManager::instance();
   auth.setBackend(AuthenticationManagerProxy::instancePtr());
 
+  // The search side: the commands (the index processor registers those that
+  // read it when the pipelines build it), jobs and streamed searches.
+  SearchCommands::registerAll();
+  DispatchCommands::registerAll();
+  ToolCommands::registerAll();
+  IndexSearchCommands::install();
+  if (!DispatchDirs::dispatchRoot().mkdir_p()) {
+    failure = "Could not make the directory of search jobs " + DispatchDirs::dispatchRoot();
+    return false;
+  }
+  _jobs = std::make_unique<DispatchSearch>();
+  _streamed = std::make_unique<StreamedSearch>();
+
   HTTPRestDispatcher& rest = HTTPRestDispatcher::instance();
   _serverInfo = std::make_unique<ServerInfoHandler>(ServerInfoHandler::configuredServerName(),
                                                     _loaderInfo.getStartupTime());
   rest.registerHandler("server", _serverInfo.get());
+  rest.registerHandler("search", _jobs.get());
   rest.loadConfig();
   HTTPServer* server = HTTPServer::instance();
   server->setRequestHandler(&rest);
+  server->registerStreamHandler(StreamedSearch::kPath, _streamed.get());
   if (!server->init(cfg) || !server->go(&_loop)) {
     failure = "The HTTP server could not listen; see var/log/velmor/velmord.log";
     return false;
@@ -67,8 +98,17 @@ bool VelmordHttp::start(Str& failure) {
     gLogger.info("HTTP%s on port %d", server->portIsSSL(i) && server->sslEnabled() ? "S" : "", server->boundPort(i));
   _sweeper = std::make_unique<HTTPSessionSweeper>(auth);
   _loop.add(_sweeper.get(), HTTPSessionSweeper::kIntervalMs);
+  _reaper = std::make_unique<DispatchReaper>(kReaperPeriodSeconds);
+  _reaper->start();
   _started = true;
   return true;
+}
+
+void VelmordHttp::stopAll() {
+  _streamed->stopAll();
+  HTTPServer::instance()->handleShutdown();
+  DispatchThread::stopAll(kJobStopSeconds);
+  _reaper->stop();
 }
 
 bool VelmordHttp::signalShutdown() {
@@ -82,10 +122,12 @@ bool VelmordHttp::signalShutdown() {
 void VelmordHttp::join() {
   _stopper.reset();
   if (_sweeper && _sweeper->isActive()) _loop.removeFromAnywhere(_sweeper.get());
-  if (_started && !isShutdownComplete()) HTTPServer::instance()->handleShutdown();
+  if (_started && !isShutdownComplete()) stopAll();
   if (_started) {
     UserManager::setAuthManager(nullptr);
     HTTPRestDispatcher::instance().registerHandler("server", nullptr);
+    HTTPRestDispatcher::instance().registerHandler("search", nullptr);
+    HTTPServer::instance()->unregisterStreamHandler(StreamedSearch::kPath);
   }
   _started = false;
 }
