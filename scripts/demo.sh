@@ -100,6 +100,30 @@ http_demo() {
   echo "   a wrong password: HTTP $code"
   code=$(curl -sk --max-time 10 -o /dev/null -w '%{http_code}' --digest -u "admin:$ADMIN_PASSWORD" "$base/services/server/info")
   echo "   digest authentication (curl --digest -u admin:...) on /services/server/info: HTTP $code"
+  local sid i done_ search='search index=live error | stats count by host'
+  echo "== A search job over REST"
+  echo "   curl -k -H 'Authorization: Velmor <key>' $base/services/search/jobs -d search='$search'"
+  sid=$(curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/search/jobs" \
+    --data-urlencode "search=$search" | sed -n 's:.*<sid>\(.*\)</sid>.*:\1:p')
+  if [ -z "$sid" ]; then
+    echo "demo: the search job was not created" >&2
+    exit 1
+  fi
+  echo "   201 Created, sid $sid; its status until done:"
+  for i in $(seq 1 100); do
+    done_=$(curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/search/jobs/$sid" \
+      | sed -n 's/^done=//p')
+    [ "$done_" = 1 ] && break
+    sleep 0.2
+  done
+  curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/search/jobs/$sid" \
+    | grep -E '^(done|count|error|ttl)=' | tr '\n' ' ' | sed 's/^/     /; s/$/\n/'
+  echo "   curl -k -H 'Authorization: Velmor <key>' '$base/services/search/jobs/$sid/results?output_mode=json'"
+  curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/search/jobs/$sid/results?output_mode=json" \
+    | python3 -c 'import json, sys
+rows = json.load(sys.stdin)
+print("     %d rows, %d events holding \"error\":" % (len(rows), sum(int(r["count"]) for r in rows)))
+for r in rows: print("       %-8s %s" % (r["host"], r["count"]))'
 }
 
 generate_samples() {
