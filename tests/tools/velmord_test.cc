@@ -17,6 +17,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -29,6 +30,8 @@ namespace {
 
 const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
 const std::string kIndexTool = VELMOR_BINARY_DIR "/bin/velmor-index";
+const std::string kSearchTool = VELMOR_BINARY_DIR "/bin/velmor-search";
+const std::string kLoghub = VELMOR_SOURCE_DIR "/../shared/data/loghub/";
 
 using Clock = std::chrono::steady_clock;
 
@@ -285,6 +288,124 @@ TEST(Velmord, LoginsOverHttp) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(slurp(home.path() + "/etc/passwd").find(password), std::string::npos);
   EXPECT_EQ(home.log().find(password), std::string::npos) << "a password reached the log";
+}
+
+// host -> count of the rows of a "stats count by host" report, from the
+// XML velmor-search prints or the CSV a job gives.
+std::map<std::string, long> countsFromXml(const std::string& xml) {
+  std::map<std::string, long> out;
+  std::regex result("<result [^>]*>([\\s\\S]*?)</result>");
+  std::regex host("<field k='host'>\\s*<value><text>([^<]*)</text>"), count("<field k='count'>\\s*<value><text>(\\d+)</text>");
+  for (std::sregex_iterator it(xml.begin(), xml.end(), result), end; it != end; ++it) {
+    std::string r = (*it)[1];
+    std::smatch h, c;
+    if (std::regex_search(r, h, host) && std::regex_search(r, c, count)) out[h[1]] += std::stol(c[1]);
+  }
+  return out;
+}
+std::map<std::string, long> countsFromCsv(const std::string& csv) {
+  std::map<std::string, long> out;
+  std::istringstream in(csv);
+  std::string line, header;
+  std::getline(in, header);
+  bool hostFirst = header.rfind("host", 0) == 0;
+  while (std::getline(in, line)) {
+    size_t comma = line.find(',');
+    if (comma == std::string::npos) continue;
+    std::string a = line.substr(0, comma), b = line.substr(comma + 1);
+    if (hostFirst) out[a] += std::stol(b); else out[b] += std::stol(a);
+  }
+  return out;
+}
+
+// Three services each hold a third of a real log (spread over four hosts);
+// a job posted to the first, with the other two as its peers, counts by
+// host what one server holding every event counts. With one peer killed the
+// job still finishes, with the rows of the others and a message naming the
+// peer.
+TEST(Velmord, JobsOverPeersCountAsOneServer) {
+  std::ifstream log(kLoghub + "OpenSSH/OpenSSH_2k.log");
+  if (!log) GTEST_SKIP() << "no loghub data at " << kLoghub;
+  std::vector<std::string> lines;
+  for (std::string l; std::getline(log, l);) lines.push_back(l);
+  ASSERT_GT(lines.size(), 1000u);
+
+  ServiceHome head, peer1, peer2, all;
+  ServiceHome* servers[] = {&head, &peer1, &peer2};
+  for (int s = 0; s < 3; ++s) {
+    for (int h = 0; h < 4; ++h) {
+      std::string file = servers[s]->path() + "/logs/h" + std::to_string(h) + ".txt";
+      {
+        std::ofstream out(file);
+        for (size_t i = 0; i < lines.size(); ++i)
+          if (int(i % 3) == s && int((i / 7) % 4) == h) out << lines[i] << "\n";
+      }
+      for (ServiceHome* home : {servers[s], &all}) {
+        ToolRun add = runTool(kIndexTool, {"add", "main", file, "--host", "h" + std::to_string(h), "--sourcetype", "sshd"},
+                              home->path(), home->env());
+        ASSERT_EQ(add.status, 0) << add.err;
+      }
+    }
+    // The followed directory holds the files just indexed: the services
+    // must not read them again.
+    std::ofstream(servers[s]->path() + "/etc/bundles/local/inputs.conf") << "";
+  }
+  const int ports[] = {freePort(), freePort(), freePort()};
+  for (int s = 0; s < 3; ++s) {
+    std::ofstream conf(servers[s]->path() + "/etc/bundles/local/server.conf");
+    conf << "[sslConfig]\nenableSsl = false\n";
+    if (s == 0)
+      conf << "[distributedSearch]\nservers = http://127.0.0.1:" << ports[1] << ", http://127.0.0.1:" << ports[2]
+           << "\nusername = searcher\npassword = peer-Secret-1\nconnectTimeout = 5\nreceiveTimeout = 30\n";
+    std::ofstream(servers[s]->path() + "/etc/bundles/local/user-seed.conf")
+        << "[seed]\nname = " << (s == 0 ? "admin" : "searcher") << "\npassword = " << (s == 0 ? "head-Secret-1" : "peer-Secret-1")
+        << "\n";
+  }
+  Service svc0(head), svc1(peer1), svc2(peer2);
+  Service* svcs[] = {&svc0, &svc1, &svc2};
+  for (int s = 2; s >= 0; --s) {
+    svcs[s]->setPort(ports[s]);
+    svcs[s]->start();
+  }
+  ToolRun one = runTool(kSearchTool, {"search index=main | stats count by host | outputxml"}, all.path(), all.env());
+  const std::map<std::string, long> want = countsFromXml(one.out);
+  ASSERT_EQ(want.size(), 4u) << one.out << one.err;
+
+  const std::string base = "http://127.0.0.1:" + std::to_string(ports[0]) + "/services";
+  ToolRun login = curl(head, {base + "/auth/login", "-d", "username=admin", "-d", "password=head-Secret-1"});
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(login.out, m, std::regex("<sessionKey>([0-9a-f]+)</sessionKey>"))) << login.out;
+  const std::string auth = "Authorization: Velmor " + std::string(m[1]);
+  // Posts the report and waits for it; its status entry and its rows.
+  auto runJob = [&](std::string& entry) {
+    ToolRun post = curl(head, {"-H", auth, base + "/search/jobs", "--data-urlencode",
+                               "search=search index=main | stats count by host"});
+    std::smatch sid;
+    EXPECT_TRUE(std::regex_search(post.out, sid, std::regex("<sid>([^<]+)</sid>"))) << post.out;
+    if (sid.empty()) return std::map<std::string, long>();
+    const std::string job = base + "/search/jobs/" + std::string(sid[1]);
+    for (int i = 0; i < 600; ++i) {
+      entry = curl(head, {"-H", auth, job}).out;
+      if (entry.find("done=1") != std::string::npos) break;
+      sleepMs(100);
+    }
+    EXPECT_NE(entry.find("done=1"), std::string::npos) << entry;
+    ToolRun rows = curl(head, {"-H", auth, job + "/results?output_mode=csv&count=0"});
+    return countsFromCsv(rows.out.substr(0, rows.out.rfind('\n')));
+  };
+  std::string entry;
+  EXPECT_EQ(runJob(entry), want) << entry;
+  EXPECT_EQ(entry.find("message="), std::string::npos) << entry;
+
+  svc2.kill9();
+  std::map<std::string, long> partial;
+  for (int h = 0; h < 4; ++h) partial["h" + std::to_string(h)] = 0;
+  for (size_t i = 0; i < lines.size(); ++i)
+    if (i % 3 != 2) partial["h" + std::to_string((i / 7) % 4)]++;
+  EXPECT_EQ(runJob(entry), partial) << entry;
+  EXPECT_NE(entry.find("Results from this peer were not returned"), std::string::npos) << entry;
+  EXPECT_NE(entry.find(std::to_string(ports[2])), std::string::npos) << entry;
+  for (Service* s : {&svc0, &svc1}) EXPECT_EQ(s->stop(), 0);
 }
 
 // Writes `lines` numbered lines into <home>/logs/app.log in bursts while

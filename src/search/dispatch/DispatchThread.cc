@@ -173,6 +173,20 @@ bool DispatchThread::writeStatus(bool done) {
   set(11, _boundEnd != 0 ? ToString(static_cast<long long>(_boundEnd)) : _opts.setEnd);
   set(12, _anyTime ? number(_newest) : Str());
   set(13, _anyTime ? number(_oldest) : Str());
+  // The messages for the user (a peer that did not answer, a time limit
+  // reached) stand beside the status, one row each.
+  if (!_info.messages.empty()) {
+    SearchResults msgs;
+    const std::vector<Str> msgCols{"type", "text"};
+    for (const auto& [type, texts] : _info.messages) {
+      for (const Str& text : texts) {
+        SearchResult* m = msgs.addNewResult();
+        m->setValue(msgs.keyIndex(msgCols[0], true), type);
+        m->setValue(msgs.keyIndex(msgCols[1], true), text);
+      }
+    }
+    DispatchDirs::writeCsv(msgs, _dir / "messages.csv", &msgCols);
+  }
   return DispatchDirs::writeCsv(status, _dir / "status.csv", &cols);
 }
 

@@ -69,6 +69,10 @@ bool JobDocuments::readStatus(const Pathname& dir, const Str& sid, JobStatus& ou
   out.finalized = (dir / "finalize").exists();
   out.saved = (dir / "save").exists();
   out.cancelled = (dir / "cancel").exists();
+  SearchResults msgs;
+  if ((dir / "messages.csv").isFile() && msgs.fromCSV(dir / "messages.csv") > 0) {
+    for (const SearchResult* m : msgs) out.messages.push_back(field(*m, msgs, "type") + ": " + field(*m, msgs, "text"));
+  }
   return true;
 }
 
@@ -222,5 +226,6 @@ void JobDocuments::statusEntry(const JobStatus& st, const Str& urlBase, time_t n
   line("done", st.done ? "1" : "0");
   line("count", Str::fromFormat("%ld", st.count));
   line("error", st.error);
+  for (const Str& m : st.messages) line("message", m);
   out.contentType = "text";
 }

@@ -27,6 +27,7 @@
 #pragma once
 
 #include <ctime>
+#include <vector>
 
 #include "util/Pathname.h"
 #include "util/Str.h"
@@ -45,6 +46,8 @@ struct JobStatus {
   Str startTime, endTime;  // newest and oldest events seen
   time_t mtime = 0;        // last activity: the status file's time
   bool paused = false, finalized = false, saved = false, cancelled = false;
+  // The job's messages for the user, "TYPE: text" (from "messages.csv").
+  std::vector<Str> messages;
 
   // Done, not saved, and quiet for longer than its ttl at `now`.
   bool expired(time_t now) const { return done && !saved && now - mtime > ttl; }
