@@ -49,6 +49,7 @@ layout_home() {
 # password is drawn once, kept in etc/auth/demo-admin-password (mode 0600)
 # and printed, so that later demos log in with the same one.
 HTTP_PORT=${VELMOR_DEMO_PORT:-8089}
+HTTPS_PORT=${VELMOR_DEMO_SSL_PORT:-8090}
 ADMIN_PASSWORD=""
 
 setup_logins() {
@@ -71,7 +72,14 @@ setup_logins() {
     (umask 077 && printf '[seed]\nname = admin\npassword = %s\n' "$ADMIN_PASSWORD" \
       > "$VELMOR_HOME/etc/bundles/local/user-seed.conf")
   fi
-  echo "== Logins: https://127.0.0.1:$HTTP_PORT/ (self-signed certificate $auth/server.pem)"
+  # Plain HTTP on the management port, HTTPS on a port of its own.
+  cat > "$VELMOR_HOME/etc/bundles/local/server.conf" <<EOF2
+# Written by the demo: HTTP on the management port (velmord -p), HTTPS on sslPort.
+[sslConfig]
+enableSsl = false
+sslPort = $HTTPS_PORT
+EOF2
+  echo "== Logins: http://127.0.0.1:$HTTP_PORT/ and https://127.0.0.1:$HTTPS_PORT/ (self-signed certificate $auth/server.pem)"
   echo "   user admin, password $ADMIN_PASSWORD (kept in $pwfile)"
 }
 
@@ -79,7 +87,7 @@ setup_logins() {
 # paths: the services list with the session key, a wrong password (401),
 # and the same list with HTTP digest authentication.
 http_demo() {
-  local base="https://127.0.0.1:$HTTP_PORT" reply key code
+  local base="https://127.0.0.1:$HTTPS_PORT" plain="http://127.0.0.1:$HTTP_PORT" reply key code
   echo "== Logging in to velmord over HTTPS with curl"
   echo "   curl -k $base/services/auth/login -d username=admin -d password=..."
   reply=$(curl -sk --max-time 10 "$base/services/auth/login" --data-urlencode username=admin \
@@ -93,8 +101,8 @@ http_demo() {
   echo "   curl -k -H 'Authorization: Velmor <key>' $base/services"
   curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services" | grep -o '<title>[^<]*</title>' \
     | sed 's/^/     /'
-  echo "   curl -k -H 'Authorization: Velmor <key>' $base/services/server/info"
-  curl -sk --max-time 10 -H "Authorization: Velmor $key" "$base/services/server/info" | sed 's/^/     /'
+  echo "   curl -H 'Authorization: Velmor <key>' $plain/services/server/info   (plain HTTP, the same session)"
+  curl -s --max-time 10 -H "Authorization: Velmor $key" "$plain/services/server/info" | sed 's/^/     /'
   code=$(curl -sk --max-time 10 -o /dev/null -w '%{http_code}' "$base/services/auth/login" \
     -d username=admin -d password=wrong)
   echo "   a wrong password: HTTP $code"
