@@ -328,6 +328,9 @@ void DispatchThread::runJob() {
   // A search without a streaming producer (`| inputcsv x | ...`) reads its
   // rows at once: its count is what it gave.
   if (!_run->split().hasPrefix()) _count = results.size();
+  // A search that returns events keeps at most max_count of them (the rest
+  // is told in a message): its count is what a reader can page through.
+  if (!_run->split().needsAllRows() && results.size() < _count) _count = results.size();
   if (_error.empty()) {
     writeStatus(false);
     if (!DispatchDirs::writeCsv(results, _dir / "results.csv"))

@@ -234,6 +234,20 @@ TEST(DispatchThreadTest, StatusTellsTheJobInItsFourteenColumns) {
   EXPECT_NE(job.status["start"], "");
 }
 
+// A search that returns events keeps max_count of them; its count is what a
+// reader can page through, not every event that was read on the way there.
+TEST(DispatchThreadTest, CountOfAnEventSearchIsWhatItKept) {
+  setUp(70, 10);
+  DispatchOptions o;
+  o.maxCount = 25;
+  Job capped = runJob("| jobrows", o);
+  EXPECT_EQ(capped.results.size(), 25u);
+  EXPECT_EQ(capped.status["count"], "25");
+  Job whole = runJob("| jobrows");
+  EXPECT_EQ(whole.results.size(), 70u);
+  EXPECT_EQ(whole.status["count"], "70");
+}
+
 TEST(DispatchThreadTest, FaultsEndTheJobWithTheirText) {
   struct Case {
     const char* search;
