@@ -1,26 +1,14 @@
 #include "search/dispatch/JobResultsFormatter.h"
 
 #include <cctype>
+#include <set>
 
 #include "search/SL.h"
 #include "search/SearchResults.h"
+#include "search/processors/ResultsXml.h"
 
 namespace {
 
-void xmlEscapeTo(const Str& in, Str& out) {
-  for (char c : in) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
-    }
-  }
-}
-
-bool isWordByte(unsigned char c) { return std::isalnum(c) || c == '_' || c >= 0x80; }
 
 // The length of the valid UTF-8 sequence at p (1..4), or 0 when it is not one.
 size_t utf8Length(const unsigned char* p, size_t left) {
@@ -131,49 +119,13 @@ void JobResultsFormatter::format(const SearchResults& rows, const Str& mode, con
 
 void JobResultsFormatter::toXML(const SearchResults& rows, const std::vector<Str>& names,
                                 const std::vector<size_t>& inds, const Str& segmentation, Str& out) {
+  // The same document the output commands write, so a job's rows read as a
+  // search's rows do.
   const bool segment = segmentation == "inner" || segmentation == "outer" || segmentation == "full";
+  const std::set<Str> noKeywords;
   out += "<?xml version=\"1.0\"?>\n<results>\n";
-  for (const SearchResult* r : rows) {
-    out += "<result>\n";
-    for (size_t k = 0; k < names.size(); ++k) {
-      const Str* v = r->getValuePtr(inds[k]);
-      if (v == nullptr) continue;
-      out += "\t<field k='";
-      xmlEscapeTo(names[k], out);
-      out += "'>";
-      if (names[k] == SL::Raw) {
-        out += "<v xml:space='preserve'>";
-        if (!segment) {
-          xmlEscapeTo(*v, out);
-        } else {
-          for (size_t i = 0; i < v->size();) {
-            size_t j = i;
-            while (j < v->size() && isWordByte(static_cast<unsigned char>((*v)[j]))) ++j;
-            if (j > i) {
-              out += "<sg>";
-              xmlEscapeTo(Str(std::string(*v, i, j - i)), out);
-              out += "</sg>";
-              i = j;
-            } else {
-              xmlEscapeTo(Str(std::string(1, (*v)[i])), out);
-              ++i;
-            }
-          }
-        }
-        out += "</v>";
-      } else {
-        std::vector<Str> values;
-        if (!r->getMultiValues(inds[k], values) || values.empty()) values.assign(1, *v);
-        for (const Str& one : values) {
-          out += "<value><text>";
-          xmlEscapeTo(one, out);
-          out += "</text></value>";
-        }
-      }
-      out += "</field>\n";
-    }
-    out += "</result>\n";
-  }
+  size_t offset = 0;
+  for (const SearchResult* r : rows) ResultsXml::appendResult(*r, offset++, names, inds, noKeywords, segment, out);
   out += "</results>\n";
 }
 

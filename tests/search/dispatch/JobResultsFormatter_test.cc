@@ -82,13 +82,16 @@ TEST(JobResultsFormatterTest, PythonReadsEveryHostileValueBack) {
 
 TEST(JobResultsFormatterTest, XmlEscapesValuesAndSegmentsRawOnlyWhenAsked) {
   SearchResults rs = rowsOf({{{"_raw", "a<b> x_1"}, {"q", "it's & \"so\""}}});
+  // The output commands' document: quotes in element text stay as they are.
   EXPECT_EQ(format(rs, "xml"),
-            "<?xml version=\"1.0\"?>\n<results>\n<result>\n"
-            "\t<field k='_raw'><v xml:space='preserve'>a&lt;b&gt; x_1</v></field>\n"
-            "\t<field k='q'><value><text>it&apos;s &amp; &quot;so&quot;</text></value></field>\n"
+            "<?xml version=\"1.0\"?>\n<results>\n<result offset='0'>\n"
+            "<field k='_raw'><v xml:space='preserve'>a&lt;b&gt; x_1</v></field>\n"
+            "<field k='q'>\n<value><text>it's &amp; \"so\"</text></value>\n</field>\n"
             "</result>\n</results>\n");
+  // Words as the segmenter cuts them ("_" is a breaker).
   std::string seg = format(rs, "xml", {"_raw"}, "full");
-  EXPECT_NE(seg.find("<v xml:space='preserve'><sg>a</sg>&lt;<sg>b</sg>&gt; <sg>x_1</sg></v>"), std::string::npos)
+  EXPECT_NE(seg.find("<v xml:space='preserve'><sg>a</sg>&lt;<sg>b</sg>&gt; <sg>x</sg>_<sg>1</sg></v>"),
+            std::string::npos)
       << seg;
   EXPECT_EQ(seg.find("k='q'"), std::string::npos);
 }
@@ -99,7 +102,7 @@ TEST(JobResultsFormatterTest, XmlGivesAValuePerElementOfAMultiValueField) {
   r->setValue(Str("host"), Str("a b"));
   rs.internalKeyIndex("__mv_host", true);
   ASSERT_TRUE(r->setMultiValues(rs.keyIndex("host"), {"a", "b<"}));
-  EXPECT_NE(format(rs, "xml").find("<field k='host'><value><text>a</text></value><value><text>b&lt;</text></value>"
+  EXPECT_NE(format(rs, "xml").find("<field k='host'>\n<value><text>a</text></value>\n<value><text>b&lt;</text></value>\n"
                                    "</field>"),
             std::string::npos)
       << format(rs, "xml");
