@@ -28,20 +28,6 @@ namespace {
 const char* const kSecretAlphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789./";
 const char* const kNewFormPrefix = "$1$";
 
-std::vector<Str> splitOn(const Str& s, char sep) {
-  std::vector<Str> parts;
-  size_t start = 0;
-  for (;;) {
-    size_t at = s.find(sep, start);
-    if (at == Str::npos) {
-      parts.push_back(s.substr(start));
-      return parts;
-    }
-    parts.push_back(s.substr(start, at - start));
-    start = at + 1;
-  }
-}
-
 bool readWholeFile(const Pathname& path, Str& out) {
   if (path.isDir()) return false;
   std::ifstream in(path, std::ios::binary);
@@ -202,7 +188,7 @@ size_t AuthenticationManagerVelmor::parseUserLines(const Str& text, UserMap& out
     ++lineNo;
     while (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty()) continue;
-    std::vector<Str> f = splitOn(line, ':');
+    std::vector<Str> f = userInformation::splitFields(line, ':');
     if (f.size() != 6 || line.find('\0') != Str::npos || f[0].empty() || !checkUserName(f[1]).empty() || f[2].empty()) {
       gLogger.warn("Skipping bad line %lu of user file '%s'", static_cast<unsigned long>(lineNo),
                    sourceName.c_str());
@@ -215,7 +201,7 @@ size_t AuthenticationManagerVelmor::parseUserLines(const Str& text, UserMap& out
     r.info.password = f[2];
     r.info.realname = f[3];
     if (!f[4].empty())
-      for (const Str& role : splitOn(f[4], ';'))
+      for (const Str& role : userInformation::splitFields(f[4], ';'))
         if (!role.empty()) r.info.roles.push_back(role);
     r.salt = f[5];
     out[r.info.username] = std::move(r);

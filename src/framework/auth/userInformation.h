@@ -18,4 +18,7 @@ struct userInformation {
   Str toString() const;
   // False with the system's text in `err` when `s` is not five elements.
   static bool fromString(const Str& s, userInformation& out, Str& err);
+  // `s` cut at every `sep`, empty pieces kept ("a::b" gives "a", "", "b"):
+  // the field split of the wire form and of the user file.
+  static std::vector<Str> splitFields(const Str& s, char sep);
 };
