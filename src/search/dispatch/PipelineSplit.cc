@@ -1,5 +1,6 @@
 #include "search/dispatch/PipelineSplit.h"
 
+#include <iterator>
 #include <memory>
 
 #include "search/SearchCancel.h"
@@ -89,6 +90,18 @@ PipelineSplit::PipelineSplit(SearchProcessor* parsed, SearchResultsInfo& info) {
   // A producer that can give the map half's rows itself (an index reader
   // counting by stored fields) does so without a row per event.
   if (_prefix.size() == 1 && !_map.empty() && _prefix.front()->absorbMap(_map)) _mapAbsorbed = true;
+  // A map half that arrives written out (a peer runs "search ... | prestats
+  // count by host" as the head sent it) stands in the prefix behind the
+  // producer; it is offered the same way, so that a peer counts as the
+  // head would.
+  if (_map.empty() && _prefix.size() >= 2) {
+    std::list<SearchProcessor*> tail(std::next(_prefix.begin()), _prefix.end());
+    if (_prefix.front()->absorbMap(tail)) {
+      _prefix.resize(1);
+      _map = std::move(tail);
+      _mapAbsorbed = true;
+    }
+  }
   gLogger.debug("split %s%s", describe().c_str(), _mapAbsorbed ? " (map half absorbed)" : "");
 }
 

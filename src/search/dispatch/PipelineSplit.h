@@ -19,7 +19,10 @@
 //     later command that answers isStreamingOpRequired() gets its map half
 //     put on the rest list right ahead of it.
 // A lone producer is offered the map half (SearchProcessor::absorbMap): an
-// index reader may count by stored fields without a row per event.
+// index reader may count by stored fields without a row per event. A map
+// half written out in the search itself (what a peer is sent: "search x |
+// prestats count by host") is the prefix behind the producer; it is offered
+// the same way and, when taken, moves to the map list.
 // When the very first command is not streamable (`| inputcsv x | ...`)
 // there is no prefix and the rest is the whole search, run once.
 //

@@ -4,9 +4,13 @@
 // and reports the reader cannot count must not be taken over.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <string>
+
 #include "SearchCommandsFixture.h"
 #include "search/SearchCancel.h"
 #include "search/SearchParser.h"
+#include "search/dispatch/PeerSearch.h"
 #include "search/dispatch/StreamingSearch.h"
 #include "search/processors/SearchCommands.h"
 
@@ -91,6 +95,52 @@ TEST_F(CountingReportsTest, CountsByStoredFieldsEqualCountsOverTheEvents) {
     if (std::string(report).find("top") == std::string::npos) {
       EXPECT_TRUE(counted.absorbed) << report;
     }
+  }
+}
+
+// Partial rows of a map half summed by their group: the reader's counts come
+// in one row per group, the events' in one row per group and chunk.
+std::map<std::string, long> summed(const std::vector<Row>& rows) {
+  std::map<std::string, long> out;
+  for (const Row& r : rows) {
+    std::string key;
+    long num = 0;
+    for (const auto& [field, value] : r) {
+      if (field == "num") num = std::stol(value);
+      else key += field + "=" + value + ";";
+    }
+    out[key] += num;
+  }
+  return out;
+}
+
+// A peer is sent the map half written out ("search x | prestats count by
+// host"); it must count as the head would, and give the rows the same text
+// gives over the events.
+TEST_F(CountingReportsTest, MapHalvesSentToPeersAreCountedToo) {
+  start();
+  writeEvents();
+  for (const char* report : {
+           "search * | stats count by host",
+           "search error | stats count by host sourcetype",
+           "search * | timechart span=1h count by host",
+           "search * | chart count by host sourcetype",
+       }) {
+    std::string spread = PeerSearch::rewrite(report, {"https://127.0.0.1:1"}).c_str();
+    size_t open = spread.find("[ "), close = spread.rfind(" ]");
+    ASSERT_NE(open, std::string::npos) << spread;
+    std::string mapHalf = spread.substr(open + 2, close - open - 2);
+    ASSERT_NE(mapHalf.find("| pre"), std::string::npos) << mapHalf;
+    Outcome counted = runReport(mapHalf);
+    std::string overText = mapHalf;
+    overText.insert(overText.find(" | "), " | eval unused=1");
+    Outcome overEvents = runReport(overText);
+    ASSERT_EQ(counted.error, "") << mapHalf;
+    ASSERT_EQ(overEvents.error, "") << overText;
+    EXPECT_TRUE(counted.absorbed) << mapHalf;
+    EXPECT_FALSE(overEvents.absorbed) << overText;
+    EXPECT_FALSE(counted.rows.empty()) << mapHalf;
+    EXPECT_EQ(summed(counted.rows), summed(overEvents.rows)) << mapHalf;
   }
 }
 
