@@ -10,6 +10,7 @@
 #include "util/Logger.h"
 #include "util/xml/XmlDocument.h"
 #include "util/xml/XmlTreeParser.h"
+#include "util/XmlEscape.h"
 
 #ifndef VELMOR_BUILD_NUMBER
 #define VELMOR_BUILD_NUMBER 1
@@ -41,16 +42,7 @@ PipelineComponent* PipelineComponentCommHandler::component() {
 }
 
 Str PipelineComponentCommHandler::xmlEscape(const Str& text) {
-  Str out;
-  for (char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      default: out.push_back(c);
-    }
-  }
-  return out;
+  return xmlEscaped(text, false);
 }
 
 void PipelineComponentCommHandler::registerInvokeAPIHandler(const Str& name, Handler handler, int level) {

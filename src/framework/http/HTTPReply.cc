@@ -2,6 +2,7 @@
 
 #include "framework/http/AtomEntry.h"
 #include "framework/http/AtomFeed.h"
+#include "util/XmlEscape.h"
 
 void HTTPReply::addHeader(const Str& name, const Str& value) { _headers.emplace_back(name, value); }
 
@@ -108,17 +109,5 @@ void HTTPReply::getErrorString(int status, Str& out) {
 }
 
 Str HTTPReply::xmlEscape(const Str& s) {
-  Str out;
-  out.reserve(s.size());
-  for (char c : s) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c; break;
-    }
-  }
-  return out;
+  return xmlEscaped(s);
 }

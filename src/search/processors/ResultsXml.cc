@@ -6,6 +6,7 @@
 #include "search/SL.h"
 #include "search/SearchResults.h"
 #include "search/SearchResultsInfo.h"
+#include "util/XmlEscape.h"
 
 namespace {
 
@@ -24,25 +25,7 @@ bool isKeyword(const std::set<Str>& keywords, const Str& word) {
 
 }  // namespace
 
-void ResultsXml::escape(const Str& in, Str& out, bool quotes) {
-  out.reserve(out.size() + in.size());
-  for (char c : in) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '\'':
-        out += quotes ? "&apos;" : "'";
-        break;
-      case '"':
-        out += quotes ? "&quot;" : "\"";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n' && c != '\r') break;
-        out += c;
-    }
-  }
-}
+void ResultsXml::escape(const Str& in, Str& out, bool quotes) { appendXmlEscaped(out, in, quotes); }
 
 void ResultsXml::columns(const SearchResults& results, const SearchResultsInfo& info, std::vector<Str>& names,
                          std::vector<sr_index_t>& keys) {
