@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "libbundle/PropertiesMap.h"
 #include "loaderinfo/XMLAndStringUtil.h"
@@ -133,6 +134,16 @@ bool TailStanza::accepts(const Str& path) const {
   if (_whitelist && !_whitelist->PartialMatch(path)) return false;
   if (_blacklist && _blacklist->PartialMatch(path)) return false;
   return true;
+}
+
+size_t TailStanza::specificity(const Str& path) const {
+  if (!accepts(path)) return 0;
+  if (_pattern) return 1 + _root.size();
+  if (path == _path) return SIZE_MAX;
+  const Str dir = _path == "/" ? Str() : _path;
+  if (path.size() <= dir.size() + 1 || path.compare(0, dir.size(), dir) != 0 || path[dir.size()] != '/') return 0;
+  if (!recursive && path.find('/', dir.size() + 1) != Str::npos) return 0;
+  return 1 + dir.size();
 }
 
 void TailStanza::walk(const Str& dir, int depthLeft, std::vector<Str>& out) const {

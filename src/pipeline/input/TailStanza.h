@@ -45,6 +45,12 @@ class TailStanza {
   // Whether a file found at `path` belongs to this stanza (pattern,
   // whitelist and blacklist).
   bool accepts(const Str& path) const;
+  // How closely the stanza names the file at `path`, for choosing among
+  // stanzas that overlap: 0 when it does not name it at all; otherwise the
+  // stanza naming the file itself ranks above every directory or wildcard,
+  // and of those the one with the longer fixed directory ranks higher
+  // ("/logs/web" over "/logs"). Looks at the text of the paths only.
+  size_t specificity(const Str& path) const;
 
   const Str& name() const { return _name; }
   const Str& path() const { return _path; }

@@ -208,7 +208,18 @@ void TailingProcessor::round(int64_t nowMs) {
 void TailingProcessor::scan(StanzaState& s, int64_t nowMs) {
   std::vector<Str> paths;
   s.stanza->findFiles(paths);
-  for (const Str& p : paths) follow(p, s.stanza, !s.scanned, nowMs);
+  for (const Str& p : paths) {
+    // Where stanzas overlap ("[tail:/logs]" and "[tail:/logs/b.log]"), the
+    // file goes to the one naming it most closely, whose settings (host,
+    // source type, index) the user wrote for it; that stanza's own scan
+    // takes it.
+    if (_files.count(p) != 0) continue;
+    size_t mine = s.stanza->specificity(p);
+    bool closer = false;
+    for (const StanzaState& other : _stanzas)
+      if (other.stanza != s.stanza && other.stanza->specificity(p) > mine) closer = true;
+    if (!closer) follow(p, s.stanza, !s.scanned, nowMs);
+  }
 }
 
 // --- starting to follow a file ---------------------------------------------------------

@@ -89,4 +89,25 @@ TEST(TailStanza, PathsAcceptedByPatternAndFilters) {
   }
 }
 
+// Of two stanzas that both name a file, the closer one ranks higher; one
+// that does not name the file ranks 0.
+TEST(TailStanza, TheClosestStanzaRanksHighest) {
+  auto rank = [](const char* stanza, const char* path, bool recursive = true) {
+    PropertiesMap keys;
+    if (!recursive) keys.put("recursive", "false");
+    TailStanza s;
+    Str error;
+    EXPECT_TRUE(TailStanza::parse(stanza, keys, s, error)) << error;
+    return s.specificity(path);
+  };
+  EXPECT_EQ(rank("tail:/l", "/m/a.log"), 0u);
+  EXPECT_EQ(rank("tail:/l", "/lx/a.log"), 0u);
+  EXPECT_EQ(rank("tail:/l", "/l/sub/a.log", false), 0u);
+  EXPECT_GT(rank("tail:/l", "/l/sub/a.log"), 0u);
+  EXPECT_GT(rank("tail:/l/sub", "/l/sub/a.log"), rank("tail:/l", "/l/sub/a.log"));
+  EXPECT_GT(rank("tail:/l/sub/a.log", "/l/sub/a.log"), rank("tail:/l/sub", "/l/sub/a.log"));
+  EXPECT_GT(rank("tail:/l/sub/*.log", "/l/sub/a.log"), rank("tail:/l", "/l/sub/a.log"));
+  EXPECT_EQ(rank("tail:/l/sub/*.log", "/l/sub/a.txt"), 0u);
+}
+
 }  // namespace

@@ -5,6 +5,8 @@
 #include "pipeline/input/TailingProcessor.h"
 
 #include <gtest/gtest.h>
+
+#include <map>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -75,6 +77,30 @@ TEST(TailingProcessor, StanzaKeysOverrideHostAndSourceType) {
   EXPECT_EQ(T::str(rs[0], PipelineData::hostKey), "host::otherhost");
   EXPECT_EQ(T::str(rs[0], PipelineData::sourceTypeKey), "sourcetype::mytype");
   EXPECT_FALSE(rs[0]->contains(PipelineData::indexKey));
+}
+
+// Stanzas that overlap: each file goes to the stanza that names it most
+// closely, whatever order the stanzas are read in ("/a" sorts before
+// "/a/b.log" and would otherwise take every file of the directory).
+TEST(TailingProcessor, OverlappingStanzasGiveEachFileTheClosestOne) {
+  T s;
+  ASSERT_TRUE(s.ok());
+  T::write(s.logs + "/a.log", "a\n");
+  T::write(s.logs + "/b.log", "b\n");
+  ASSERT_EQ(system(("mkdir -p " + s.logs + "/web").c_str()), 0);
+  T::write(s.logs + "/web/c.log", "c\n");
+  s.inputs("[tail:@LOGS@]\nhost = dirhost\nsourcetype = dirtype\n"
+           "[tail:@LOGS@/b.log]\nhost = bhost\n"
+           "[tail:@LOGS@/web]\nhost = webhost\n");
+  TailingProcessor p;
+  p.loadStanzas();
+  Records rs;
+  T::run(p, rs, linesReach(3));
+  std::map<std::string, std::string> hostOf;
+  for (const auto& r : rs)
+    if (T::isLine(r)) hostOf[T::str(r, PipelineData::rawKey)] = T::str(r, PipelineData::hostKey);
+  EXPECT_EQ(hostOf, (std::map<std::string, std::string>{
+                        {"a", "host::dirhost"}, {"b", "host::bhost"}, {"c", "host::webhost"}}));
 }
 
 TEST(TailingProcessor, UnfinishedLastLineIsHeldUntilFinishedOrQuiet) {
