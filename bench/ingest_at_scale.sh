@@ -24,6 +24,11 @@
 #   INGEST_BENCH_MB=1000   size of the generated logs, in 10^6 bytes (a 1000
 #                          MB run takes well over ten minutes)
 #   INGEST_BENCH_KEEP=1    keep the scratch directory (its path is printed)
+#   INGEST_BENCH_LOGS=DIR  keep the generated logs in DIR and use them again
+#                          when DIR already holds them for this size
+#   INGEST_BENCH_STANZA='maxValues = 262144'  settings added to the index's
+#                          stanza (one per line), to try other sizes
+#   INGEST_BENCH_PEERS=0   skip sqlite3 and gzip (while iterating on velmor)
 #
 # Needs sqlite3 (with FTS5), gzip and /usr/bin/time. The scratch directory
 # lives under /tmp and is removed at the end.
@@ -45,13 +50,14 @@ for t in velmor-genlogs velmor-index velmor-tsidx; do
     exit 1
   fi
 done
-for t in sqlite3 gzip /usr/bin/time; do
+PEERS=${INGEST_BENCH_PEERS:-1}
+for t in gzip /usr/bin/time $([ "$PEERS" = 0 ] || echo sqlite3); do
   if ! command -v "$t" >/dev/null; then
     echo "ingest_at_scale: $t not found; it is needed to compare with" >&2
     exit 1
   fi
 done
-if ! sqlite3 :memory: 'CREATE VIRTUAL TABLE t USING fts5(x)' >/dev/null 2>&1; then
+if [ "$PEERS" != 0 ] && ! sqlite3 :memory: 'CREATE VIRTUAL TABLE t USING fts5(x)' >/dev/null 2>&1; then
   echo "ingest_at_scale: this sqlite3 has no FTS5" >&2
   exit 1
 fi
@@ -113,10 +119,17 @@ timeOne() {
 
 dub() { du -sb "$1" | cut -f1; }
 
-echo "== Making $MB MB of sample logs"
-"$BUILD/bin/velmor-genlogs" --seed 20261124 --size "${MB}MB" --days 7 --start 2026-11-01 --hosts 6 \
-  --formats syslog,access,kv,json --out "$WORK/logs" > "$WORK/manifest" 2>/dev/null
-mapfile -t FILES < <(cut -f1 "$WORK/manifest")
+LOGS=${INGEST_BENCH_LOGS:-$WORK/logs}
+if [ -s "$LOGS/manifest.$MB" ]; then
+  echo "== Using the sample logs of $LOGS"
+else
+  echo "== Making $MB MB of sample logs"
+  mkdir -p "$LOGS"
+  "$BUILD/bin/velmor-genlogs" --seed 20261124 --size "${MB}MB" --days 7 --start 2026-11-01 --hosts 6 \
+    --formats syslog,access,kv,json --out "$LOGS/$MB" > "$LOGS/manifest.$MB.tmp" 2>/dev/null
+  mv "$LOGS/manifest.$MB.tmp" "$LOGS/manifest.$MB"
+fi
+mapfile -t FILES < <(cut -f1 "$LOGS/manifest.$MB")
 [ "${#FILES[@]}" -gt 0 ] || { echo "ingest_at_scale: velmor-genlogs listed no files" >&2; exit 1; }
 cat "${FILES[@]}" > "$PLAIN"
 RAW=$(stat -c %s "$PLAIN")
@@ -137,6 +150,7 @@ maxDataSize = 1000000
 maxWarmDBCount = 1000
 frozenTimePeriodInSecs = 2147483647
 EOF
+[ -z "${INGEST_BENCH_STANZA:-}" ] || printf '%s\n' "$INGEST_BENCH_STANZA" >> "$VELMOR_HOME/etc/bundles/local/indexes.conf"
 
 echo "== velmor-index add, one run per host"
 WALL=0
@@ -179,24 +193,26 @@ DISK=$(dub "$HOMEPATH")
 "$VI" info ingest > "$WORK/info"
 sed 's/^/   /' "$WORK/info"
 
-echo "== sqlite3 FTS5, one table, .import"
-cat > "$WORK/fts.sql" <<EOF
+if [ "$PEERS" != 0 ]; then
+  echo "== sqlite3 FTS5, one table, .import"
+  cat > "$WORK/fts.sql" <<EOF
 CREATE VIRTUAL TABLE lines USING fts5(line);
 .mode ascii
 .separator "\\037" "\\n"
 .import $PLAIN lines
 EOF
-timeOne sqlite3 "$FTS" < "$WORK/fts.sql"
-FTS_WALL=$WALL
-FTS_CPU=$CPU
-FTS_DISK=$(stat -c %s "$FTS")
-echo "   $(sqlite3 "$FTS" 'SELECT count(*) FROM lines') rows"
+  timeOne sqlite3 "$FTS" < "$WORK/fts.sql"
+  FTS_WALL=$WALL
+  FTS_CPU=$CPU
+  FTS_DISK=$(stat -c %s "$FTS")
+  echo "   $(sqlite3 "$FTS" 'SELECT count(*) FROM lines') rows"
 
-echo "== gzip -6 -c"
-timeOne gzip -6 -c "$PLAIN" > "$PLAIN.gz"
-GZ_WALL=$WALL
-GZ_CPU=$CPU
-GZ_DISK=$(stat -c %s "$PLAIN.gz")
+  echo "== gzip -6 -c"
+  timeOne gzip -6 -c "$PLAIN" > "$PLAIN.gz"
+  GZ_WALL=$WALL
+  GZ_CPU=$CPU
+  GZ_DISK=$(stat -c %s "$PLAIN.gz")
+fi
 
 # One row: tool, wall s, CPU s, MB per CPU second, bytes on disk per raw byte
 # (the last given as bytes, or "-"). A rate over less than 0.1 CPU second
@@ -217,8 +233,10 @@ printf '%-32s %9.1f %9s %10s %12s\n' "  of which final merge ($MERGES)" "$MERGE"
 row "velmor-index roll" "$ROLL_WALL" "$ROLL_CPU" -
 row "velmor-index add + roll" "$(calc 'a + b' a="$ADD_WALL" b="$ROLL_WALL")" \
   "$(calc 'a + b' a="$ADD_CPU" b="$ROLL_CPU")" "$DISK"
-row "sqlite3 FTS5 (.import)" "$FTS_WALL" "$FTS_CPU" "$FTS_DISK"
-row "gzip -6 -c" "$GZ_WALL" "$GZ_CPU" "$GZ_DISK"
+if [ "$PEERS" != 0 ]; then
+  row "sqlite3 FTS5 (.import)" "$FTS_WALL" "$FTS_CPU" "$FTS_DISK"
+  row "gzip -6 -c" "$GZ_WALL" "$GZ_CPU" "$GZ_DISK"
+fi
 
 # The one bucket holding events (the roll leaves an empty hot one beside it).
 mapfile -t BUCKETS < <(awk 'NR > 1 && $5 > 0 { print $5, $NF }' "$WORK/info")

@@ -1,12 +1,18 @@
 #include "framework/SplitCompression.h"
 
+#include <fcntl.h>
+#include <libdeflate.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cassert>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <system_error>
 #include <vector>
 
 #include "util/Exceptions.h"
-#include "util/ExternalProcessGroup.h"
 #include "util/Logger.h"
 
 namespace {
@@ -232,10 +238,106 @@ void SplitCompression::closeCurrentLocked(bool wait) {
 }
 
 bool SplitCompression::startGzip(const Pathname& file) {
-  // Through the process runner when this process has one.
-  ExternalProcessGroup group;
-  _compressionToken = group.startOrSpawn({Str("gzip"), Str("-f"), Str(file)});
-  return !_compressionToken.getStatus(false).isFailedToStart();
+  _compressorOk = false;
+  try {
+    _compressor = std::thread([this, file] { _compressorOk = gzipFile(file); });
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return true;
+}
+
+namespace {
+
+// Reads all of fd (size bytes by fstat) into buf; false on a short read.
+bool readWhole(int fd, unsigned char* buf, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = ::read(fd, buf + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (n == 0) errno = EIO;
+      return false;
+    }
+    done += size_t(n);
+  }
+  return true;
+}
+
+bool writeWhole(int fd, const unsigned char* buf, size_t size) {
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = ::write(fd, buf + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    done += size_t(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+// "<file>.gz" is one gzip member, as "gzip -f" writes it minus the name:
+//   OFFSET  SIZE  MEANING
+//   0       2     1f 8b
+//   2       1     08, deflate
+//   3       1     flags, 0: no name, comment or extra field
+//   4       4     modification time, 0
+//   8       1     extra flags; 9 1: OS
+//   10      ...   deflate stream of the whole file
+//   end-8   4     CRC-32 of the file, little-endian
+//   end-4   4     file size mod 2^32, little-endian
+bool SplitCompression::gzipFile(const Pathname& file, int level) {
+  const Pathname gz(file + ".gz");
+  int in = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (in < 0) return false;
+  struct stat st;
+  if (fstat(in, &st) != 0) {
+    int e = errno;
+    ::close(in);
+    errno = e;
+    return false;
+  }
+  const size_t size = size_t(st.st_size);
+  libdeflate_compressor* c = libdeflate_alloc_compressor(level);
+  unsigned char* raw = static_cast<unsigned char*>(std::malloc(size ? size : 1));
+  size_t bound = c ? libdeflate_gzip_compress_bound(c, size) : 0;
+  unsigned char* out = c ? static_cast<unsigned char*>(std::malloc(bound)) : nullptr;
+  bool ok = false;
+  int e = ENOMEM;
+  if (c && raw && out) {
+    if (readWhole(in, raw, size)) {
+      const size_t n = libdeflate_gzip_compress(c, raw, size, out, bound);
+      int fd = n ? ::open(gz.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777) : -1;
+      if (n == 0) {
+        e = ENOSPC;  // cannot happen within the bound
+      } else if (fd < 0) {
+        e = errno;
+      } else {
+        ok = writeWhole(fd, out, n);
+        if (!ok) e = errno;
+        if (::close(fd) != 0 && ok) {
+          ok = false;
+          e = errno;
+        }
+        if (!ok) ::unlink(gz.c_str());
+      }
+    } else {
+      e = errno;
+    }
+  }
+  ::close(in);
+  std::free(raw);
+  std::free(out);
+  if (c) libdeflate_free_compressor(c);
+  if (ok && ::unlink(file.c_str()) != 0) {
+    // Both names stay: readers take the plain one, and the writer removes
+    // the ".gz" as a partial output when it next opens the journal.
+    e = errno;
+    ok = false;
+  }
+  if (!ok) errno = e;
+  return ok;
 }
 
 void SplitCompression::waitForCompression() {
@@ -245,8 +347,8 @@ void SplitCompression::waitForCompression() {
 
 void SplitCompression::waitForCompressionLocked() {
   if (_compressingBase < 0) return;
-  const bool ok = _compressionToken.getStatus(true).statusOk();
-  _compressionToken = ExternalProcessToken();
+  if (_compressor.joinable()) _compressor.join();
+  const bool ok = _compressorOk;
   const Pathname gz = fileFor(_compressingBase, true);
   if (ok && gz.exists()) {
     _foundFiles[_compressingBase] = gz.toLeaf();

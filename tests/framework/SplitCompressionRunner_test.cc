@@ -1,5 +1,6 @@
-// The background gzip of rolled files when the process has a process runner:
-// the compression goes through it, and reads follow the file to its ".gz".
+// The background gzip of rolled files when the process has a process runner
+// (as the service does): the compression runs in this process all the same,
+// and reads follow the file to its ".gz".
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@ std::string SplitCompressionRunnerTest::dir;
 
 }  // namespace
 
-TEST_F(SplitCompressionRunnerTest, RolledFilesAreGzippedThroughTheRunner) {
+TEST_F(SplitCompressionRunnerTest, RolledFilesAreGzippedBesideTheRunner) {
   ASSERT_NE(ProcessRunnerPid(), -1);
   const Pathname path(Str(dir + "/rawdata"));
   SplitCompression sc(path, 1024);

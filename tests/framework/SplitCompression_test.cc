@@ -1,6 +1,7 @@
 #include "framework/SplitCompression.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -459,3 +460,57 @@ TEST(SplitCompression, ReadersLeaveAGzipInProgressAlone) {
 }
 
 }  // namespace
+
+// gzipFile replaces a file by its gzip, as "gzip -f" does, and on any
+// failure leaves the plain file and no ".gz".
+TEST(SplitCompression, GzipFileReplacesTheFileOrLeavesItAlone) {
+  struct Case {
+    const char* name;
+    std::string content;  // the file's bytes; "-" for no file at all
+    bool gzBlocked;       // "<file>.gz" is a directory, so it cannot be written
+    int level;
+    bool ok;
+  };
+  std::string mixed;
+  for (int i = 0; i < 20000; ++i) mixed += "line " + std::to_string(i * 7919 % 1000) + " host::h\n";
+  const Case cases[] = {
+      {"text", mixed, false, SplitCompression::kGzipLevel, true},
+      {"fastest level", mixed, false, 1, true},
+      {"empty file", "", false, SplitCompression::kGzipLevel, true},
+      {"binary with NULs", std::string("\0\x01\xff\0", 4) + std::string(70000, '\0'), false, 6, true},
+      {"no such file", "-", false, 6, false},
+      {"output blocked", mixed, true, 6, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir dir;
+    const std::string file = dir.path + "/0";
+    if (c.content != "-") std::ofstream(file, std::ios::binary) << c.content;
+    if (c.gzBlocked) {
+      ASSERT_EQ(::mkdir((file + ".gz").c_str(), 0700), 0);
+    }
+    EXPECT_EQ(SplitCompression::gzipFile(Pathname(Str(file)), c.level), c.ok);
+    if (!c.ok) {
+      EXPECT_NE(errno, 0);
+      EXPECT_EQ(Pathname(Str(file)).exists(), c.content != "-");
+      if (c.content != "-") {
+        EXPECT_EQ(fileBytes(file), c.content);
+      }
+      EXPECT_EQ(Pathname(Str(file + ".gz")).isDir(), c.gzBlocked);
+      continue;
+    }
+    EXPECT_FALSE(Pathname(Str(file)).exists());
+    const std::string gz = fileBytes(file + ".gz");
+    ASSERT_GE(gz.size(), 18u);
+    EXPECT_EQ(gz.substr(0, 3), std::string("\x1f\x8b\x08", 3));
+    if (c.content.size() > 1000) {
+      EXPECT_LT(gz.size(), c.content.size() / 2);
+    }
+    // What zlib reads back, as every reader of the journal does.
+    ReadContext rc(Pathname(Str(file + ".gz")), 0, -1, nullptr, 5);
+    EXPECT_EQ(rc.rawSize(), int64_t(c.content.size()));
+    ASSERT_EQ(std::system(("gzip -t " + file + ".gz").c_str()), 0);
+    ASSERT_EQ(std::system(("gzip -dc " + file + ".gz > " + file + ".check").c_str()), 0);
+    EXPECT_EQ(fileBytes(file + ".check"), c.content);
+  }
+}
