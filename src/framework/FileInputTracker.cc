@@ -33,7 +33,10 @@ const char kTrackerIndex[] = "_thefileseeks";
 const char kSourcePrefix[] = "source::";
 const char kSaltSourceToken[] = "<SOURCE>";
 const char kCheckMethodKey[] = "CHECK_METHOD";
-const char kQueryUser[] = "system";
+// The tracker's own queries run as the process itself (no user), which
+// the access rules of the query engine leave alone: the index of file
+// positions is not one that a role could be given.
+const char kQueryUser[] = "";
 // Each query has an id of its own: the query engine keeps results by id, and
 // a repeated id would be answered from that cache with another file's
 // records.

@@ -80,6 +80,14 @@ int UserManager::checkContextPerms(const Str& capability) {
 
 std::vector<Str> UserManager::getSearchFilters(const Str& user) { return answerer()->getSearchFilters(user); }
 
+int UserManager::checkIndexAccess(const Str& user, const Str& index) {
+  int allowed = answerer()->checkIndexAccess(user, index) == 1 ? 1 : 0;
+  if (!allowed) gLogger.info("Index '%s' refused to user '%s' by the roles' srchIndexesAllowed", index.c_str(), user.c_str());
+  return allowed;
+}
+
+Str UserManager::indexRefusal(const Str& index) { return "Your roles do not allow searching the index " + index; }
+
 std::shared_ptr<IUserPermissions> UserManager::setPermissions(std::shared_ptr<IUserPermissions> p) {
   State& s = state();
   ScopedLock l(s.mutex);
@@ -195,6 +203,15 @@ Str UserManager::getAuthSystem() {
 }
 
 const UserContext* UserContext::current() { return tCurrent; }
+
+std::vector<Str> UserContext::combineFilters(const std::vector<Str>& own, const std::vector<Str>& forwarded) {
+  if (forwarded.empty()) return own;
+  if (own.empty()) return forwarded;
+  std::vector<Str> out;
+  for (const Str& o : own)
+    for (const Str& f : forwarded) out.push_back("( " + o + " ) ( " + f + " )");
+  return out;
+}
 
 UserContext::Scope::Scope(const UserContext& ctx) : _previous(tCurrent), _ctx(ctx) { tCurrent = &_ctx; }
 

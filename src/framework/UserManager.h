@@ -1,9 +1,10 @@
 // UserManager: the capabilities of users, as the rest of the system asks for
 // them: checkUserPerms(capability, user). Who has what is answered by an
-// IUserPermissions; until roles are configured (authorize.conf and the
-// authorization manager), the installed answerer is the stand-in that gives
-// every user what the admin role has: every capability, and no search
-// filter. Tests install their own.
+// IUserPermissions: the service and the search tool install the
+// authorization manager (roles of authorize.conf); until one is installed
+// the answerer is the stand-in that gives every user what the admin role
+// has: every capability, every index, and no search filter. Tests install
+// their own.
 //
 // UserContext: the user a thread works for (its name and the search filters
 // of its roles), set by whoever starts work on a user's behalf (a search
@@ -40,6 +41,9 @@ class IUserPermissions {
   virtual int checkUserPerms(const Str& capability, const Str& user) = 0;
   // The search filters of the user's roles (empty: unrestricted).
   virtual std::vector<Str> getSearchFilters(const Str& user) = 0;
+  // 1 when the user's roles let searches read `index` (the rule for
+  // indexes starting with "_" is apart: capability search_admin_index).
+  virtual int checkIndexAccess(const Str& /*user*/, const Str& /*index*/) { return 1; }
 };
 
 class UserManager {
@@ -49,6 +53,10 @@ class UserManager {
   // when no context is set.
   static int checkContextPerms(const Str& capability);
   static std::vector<Str> getSearchFilters(const Str& user);
+  // 1 when `user` may search `index`; the text of a refusal is
+  // indexRefusal(index).
+  static int checkIndexAccess(const Str& user, const Str& index);
+  static Str indexRefusal(const Str& index);
   // Installs an answerer (null: the admin stand-in again). Returns the one
   // it replaced.
   static std::shared_ptr<IUserPermissions> setPermissions(std::shared_ptr<IUserPermissions> p);
@@ -88,6 +96,11 @@ struct UserContext {
 
   // The context of the calling thread, or null when none was set.
   static const UserContext* current();
+  // The filters of a user whose server also got `forwarded` filters from a
+  // head server (the role filters of the user there): each alternative must
+  // hold both, so the result is every "( own ) ( forwarded )" pair; either
+  // list empty gives the other.
+  static std::vector<Str> combineFilters(const std::vector<Str>& own, const std::vector<Str>& forwarded);
 
   class Scope;
 };

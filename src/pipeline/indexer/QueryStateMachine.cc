@@ -281,6 +281,7 @@ void QueryStateMachine::applyAccessRule(IPartitionPolicy*) {
   if ((startsWith(_domain, "_") || _domain == "velmorlogger") &&
       !UserManager::checkUserPerms("search_admin_index", _user))
     throw QueryException("Only admins may search the index " + _domain);
+  if (!UserManager::checkIndexAccess(_user, _domain)) throw QueryException(UserManager::indexRefusal(_domain));
 }
 
 void QueryStateMachine::execute(std::vector<ValueWrapper>& out) {

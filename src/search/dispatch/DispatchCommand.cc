@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "framework/UserManager.h"
 #include "search/ProcessorArg.h"
 #include "search/SearchCancel.h"
 #include "search/SearchResults.h"
@@ -80,6 +81,12 @@ void DispatchCommand::execute(SearchResults& results, SearchResultsInfo& info) {
   req.timeouts = _access.timeouts;
   req.verifyPeer = _access.verifyPeer;
   req.caFile = _access.caFile;
+  // The peers search as the configured peer user; the filters of the user
+  // here go along so that they narrow what the peers return too.
+  const UserContext* ctx = UserContext::current();
+  if (ctx) req.searchFilters = ctx->searchFilters;
+  Str user = ctx ? ctx->user : info.userContext;
+  if (req.searchFilters.empty() && !user.empty() && user != "freeuser") req.searchFilters = UserManager::getSearchFilters(user);
   std::vector<std::unique_ptr<ResultProvider>> peers;
   for (const Str& s : _servers) peers.push_back(std::make_unique<ResultProvider>(s, req));
 

@@ -65,7 +65,13 @@ void ResultProvider::fail(const Str& text) {
 Str ResultProvider::searchUrl() const {
   return _server + kStreamPath + "?pipeline=" + HTTPRequest::urlEncode(_req.search) +
          "&start_time=" + timeParam(_req.earliest) + "&end_time=" + timeParam(_req.latest) +
-         "&output=csv&is_dispatch=1&queryid=" + HTTPRequest::urlEncode(_req.queryId);
+         "&output=csv&is_dispatch=1&queryid=" + HTTPRequest::urlEncode(_req.queryId) + filterParams();
+}
+
+Str ResultProvider::filterParams() const {
+  Str out;
+  for (const Str& f : _req.searchFilters) out += "&srch_filter=" + HTTPRequest::urlEncode(f);
+  return out;
 }
 
 void ResultProvider::configure(HTTPClient& c) const {

@@ -37,6 +37,7 @@ class ResultProvider {
     HTTPClient::Timeouts timeouts;
     bool verifyPeer = true;  // https peers: check the certificate
     Str caFile;              // against this authority (empty: the system's)
+    std::vector<Str> searchFilters;  // the role filters of the user here, sent along
   };
   static const char* const kStreamPath;  // "/services/streams/search"
 
@@ -55,6 +56,8 @@ class ResultProvider {
   const Str& warning() const { return _warning; }
   // The URL of the streamed search (without credentials).
   Str searchUrl() const;
+  // "&srch_filter=..." for each of the request's search filters.
+  Str filterParams() const;
 
  private:
   bool login(Str& key);

@@ -6,6 +6,7 @@
 #include <set>
 #include <vector>
 
+#include "framework/UserManager.h"
 #include "framework/http/FdConnectionData.h"
 #include "framework/http/HTTPReply.h"
 #include "framework/http/HTTPRequest.h"
@@ -154,6 +155,15 @@ class StreamedSearch::Worker : public Thread {
     info.userContext = user;
     gLogger.info("user %s streams search '%s' (query id %s)", user.c_str(), pipeline->c_str(), info.queryId.c_str());
 
+    // The head's user's role filters ("srch_filter", repeated) narrow what
+    // this server's user may see; they never widen it.
+    UserContext ctx;
+    ctx.user = user;
+    std::vector<Str> forwarded;
+    auto fw = req->getParams().find("srch_filter");
+    if (fw != req->getParams().end()) forwarded = fw->second;
+    ctx.searchFilters = UserContext::combineFilters(UserManager::getSearchFilters(user), forwarded);
+    UserContext::Scope scope(ctx);
     PipelineSplit split(SearchParser::parse(*pipeline, true), info);
     Str head = "HTTP/1.1 200 OK\r\nContent-Type: text/csv; charset=utf-8\r\nTransfer-Encoding: chunked\r\n"
                "Cache-Control: no-cache\r\nConnection: close\r\n\r\n";

@@ -36,6 +36,9 @@
 
 #include <memory>
 
+#include "framework/UserManager.h"
+#include "framework/auth/AuthenticationManagerProxy.h"
+#include "framework/auth/AuthorizationManagerVelmor.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/PersistentHashManager.h"
@@ -49,6 +52,7 @@
 #include "search/SearchResultsInfo.h"
 #include "search/dispatch/DispatchCommands.h"
 #include "search/dispatch/StreamingSearch.h"
+#include "search/processors/SavedVelmorResolver.h"
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
 #include "searchthing/ipcver.h"
@@ -172,12 +176,46 @@ void plainSearch(const char* search, Str queryId, bool internal, SearchResults& 
   printXml(results);
 }
 
+// The tool works for the user named by VELMOR_USER, whose roles come from
+// the authentication back end, or without it for "admin" with the role
+// admin (whoever runs the tool can read the index files anyway). The roles
+// of authorize.conf decide its capabilities, indexes and search filters.
+struct ToolUser {
+  std::shared_ptr<AuthorizationManagerVelmor> authz;
+  std::unique_ptr<UserContext::Scope> scope;
+  ToolUser() {
+    const char* env = getenv("VELMOR_USER");
+    UserContext ctx;
+    AuthorizationManagerVelmor::RoleSource source;
+    if (env && *env) {
+      ctx.user = env;
+      UserManager::setAuthManager(AuthenticationManagerProxy::instancePtr());
+    } else {
+      ctx.user = "admin";
+      source = [](const Str&, std::set<Str>& roles) {
+        roles.insert("admin");
+        return true;
+      };
+    }
+    authz = AuthorizationManagerVelmor::install(source);
+    ctx.searchFilters = UserManager::getSearchFilters(ctx.user);
+    scope = std::make_unique<UserContext::Scope>(ctx);
+  }
+  ~ToolUser() {
+    scope.reset();
+    UserManager::setPermissions(nullptr);
+    UserManager::setAuthManager(nullptr);
+  }
+};
+
 // Everything between start-up and shutdown of the runtime.
 void runModes(int argc, char** argv) {
+  ToolUser toolUser;
   SearchCommands::registerAll();
   DispatchCommands::registerAll();
   ToolCommands::registerAll();
   IndexSearchCommands::install();
+  SavedVelmorResolver::installForProcess();  // event types, tags, saved searches
   xml::node config;
   auto index = std::make_unique<IndexProcessor>();
   // Background searches end before the indexes they read close, also when

@@ -196,6 +196,8 @@ void SearchOperator::setUp(SearchResultsInfo& info) {
   DatabaseContainer* container = DatabaseContainer::getProcessContainer();
   if (!container) throw QueryRunningException("There is no query runner registered");
   Str domain = _index == "default" ? container->getDefaultDomain() : _index;
+  if (!user.empty() && UserManager::checkIndexAccess(user, domain) != 1)
+    throw SearchProcessorException(UserManager::indexRefusal(domain));
   _policy = container->getPolicyByDomain(domain);
   if (!_policy) throw QueryRunningException("Could not find a policy for domain \"" + _index + "\"");
 
