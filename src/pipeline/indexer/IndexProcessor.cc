@@ -25,6 +25,7 @@
 #include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/CompiledQueryLanguage.h"
 #include "pipeline/indexer/DatabasePartitionPolicy.h"
+#include "pipeline/indexer/LiveTailHub.h"
 #include "pipeline/indexer/MetadataProcessor.h"
 #include "pipeline/indexer/PolicyParameters.h"
 #include "pipeline/indexer/Query.h"
@@ -399,6 +400,7 @@ int IndexProcessor::execute(PipelineData& event) {
       if (p->write(ev)) {
         gLogger.info("Wrote the event of %s into the index %s after %ld tries", source.c_str(), index.c_str(),
                      tries + 1);
+        LiveTailHub::publish(index, ev);
         return eOk;
       }
       if (++tries % 60 == 0)
@@ -406,6 +408,7 @@ int IndexProcessor::execute(PipelineData& event) {
     }
     return eDrop;
   }
+  LiveTailHub::publish(index, ev);  // the live tail's readers, if any
   if (event.has("_sync")) {
     gLogger.info("Syncing database");
     p->sync(true);
