@@ -12,6 +12,7 @@ all: build
 
 bootstrap:
 	@bash scripts/bootstrap.sh
+	@bash scripts/web_test_setup.sh
 
 $(BUILD)/build.ninja:
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo

@@ -7,10 +7,15 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache
   libpcre2-dev libxml2-dev libxslt1-dev libsqlite3-dev sqlite3 libssl-dev openssl
-  zlib1g-dev libarchive-dev libbz2-dev libldap2-dev slapd ldap-utils curl
-  libgtest-dev libgmock-dev libbenchmark-dev
+  zlib1g-dev libdeflate-dev libarchive-dev libbz2-dev libldap2-dev slapd ldap-utils curl
+  libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   tzdata python3 gzip miller ripgrep
 )
+
+# The browser test of the web page: chromium, and node with npm only when the
+# machine has no node of its own (its modules: scripts/web_test_setup.sh).
+PACKAGES+=(chromium)
+if ! command -v node >/dev/null 2>&1; then PACKAGES+=(nodejs npm); fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -46,6 +46,14 @@ for f in "$SRC_ETC"/bundles/local/*; do
   [ -e "$home/etc/bundles/local/$(basename "$f")" ] || cp -p "$f" "$home/etc/bundles/local/"
 done
 
+# The web search page velmord serves (web.conf: staticDir), refreshed like
+# the shipped configuration.
+SRC_WEB="$(dirname "$SRC_ETC")/share/web"
+if [ -d "$SRC_WEB" ]; then
+  mkdir -p "$home/share/web"
+  cp -pR "$SRC_WEB/." "$home/share/web/"
+fi
+
 echo "mkhome: VELMOR_HOME laid out at $home"
 echo "  etc/                     $copied shipped configuration files (bundles, install, modules, log configuration)"
 echo "  etc/bundles/local/       site settings (kept as they are)"
@@ -53,6 +61,7 @@ echo "  var/run/velmor/          run-time files, search jobs, inputcsv/outputcsv
 echo "  var/lib/velmor/queues/   saved queue contents"
 echo "  var/lib/velmor/db/       index databases (VELMOR_DB)"
 echo "  var/log/velmor/          the system's own logs"
+echo "  share/web/               the web search page"
 echo "To use it:"
 echo "  export VELMOR_HOME=$home"
 echo "  export VELMOR_DB=$home/var/lib/velmor/db"

@@ -2,12 +2,15 @@
 
 #include "framework/UserManager.h"
 #include "framework/auth/AuthenticationManagerProxy.h"
+#include "framework/auth/AuthorizationManagerVelmor.h"
 #include "framework/http/HTTPServer.h"
 #include "framework/http/HTTPServerConfig.h"
+#include "framework/http/StaticFileHandler.h"
 #include "framework/rest/HTTPAuthManager.h"
 #include "framework/rest/HTTPRestDispatcher.h"
 #include "framework/rest/HTTPSessionSweeper.h"
 #include "framework/rest/ServerInfoHandler.h"
+#include "framework/rest/UsersHandler.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/search/IndexSearchCommands.h"
 #include "search/dispatch/DispatchCommands.h"
@@ -15,7 +18,12 @@
 #include "search/dispatch/DispatchReaper.h"
 #include "search/dispatch/DispatchSearch.h"
 #include "search/dispatch/DispatchThread.h"
+#include "search/dispatch/LiveTailStream.h"
+#include "search/dispatch/SavedSearchScheduler.h"
+#include "search/dispatch/SavedSearchesHandler.h"
 #include "search/dispatch/StreamedSearch.h"
+#include "search/processors/SavedVelmorResolver.h"
+#include "search/SearchFactory.h"
 #include "search/processors/SearchCommands.h"
 #include "search/processors/ToolCommands.h"
 #include "util/EventLoop.h"
@@ -65,6 +73,9 @@ bool VelmordHttp::start(Str& failure) {
   if (!proxy.reload(err)) gLogger.error("authentication: %s", err.c_str());
   UserManager::instance();
   UserManager::setAuthManager(AuthenticationManagerProxy::instancePtr());
+  // Roles and capabilities of authorize.conf answer every permission check.
+  _authz = AuthorizationManagerVelmor::install();
+  _authz->logBundle();
   HTTPAuthManager& auth = HTTPAuthManager::instance();
   auth.setBackend(AuthenticationManagerProxy::instancePtr());
 
@@ -74,22 +85,32 @@ bool VelmordHttp::start(Str& failure) {
   DispatchCommands::registerAll();
   ToolCommands::registerAll();
   IndexSearchCommands::install();
+  SavedVelmorResolver::installForProcess();  // event types, tags, saved searches
   if (!DispatchDirs::dispatchRoot().mkdir_p()) {
     failure = "Could not make the directory of search jobs " + DispatchDirs::dispatchRoot();
     return false;
   }
   _jobs = std::make_unique<DispatchSearch>();
   _streamed = std::make_unique<StreamedSearch>();
+  _tail = std::make_unique<LiveTailStream>();
 
   HTTPRestDispatcher& rest = HTTPRestDispatcher::instance();
   _serverInfo = std::make_unique<ServerInfoHandler>(ServerInfoHandler::configuredServerName(),
                                                     _loaderInfo.getStartupTime());
   rest.registerHandler("server", _serverInfo.get());
   rest.registerHandler("search", _jobs.get());
+  _saved = std::make_unique<SavedSearchesHandler>(*_jobs, DispatchDirs::dispatchRoot());
+  rest.registerHandler("saved", _saved.get());
+  _users = std::make_unique<UsersHandler>(_authz.get());
+  rest.registerHandler("users", _users.get());
   rest.loadConfig();
   HTTPServer* server = HTTPServer::instance();
-  server->setRequestHandler(&rest);
+  // The web page answers every path outside /services, on every port.
+  _static = std::make_unique<StaticFileHandler>(StaticFileHandler::configuredRoot(), &rest);
+  gLogger.info("web page from %s", _static->root().c_str());
+  server->setRequestHandler(_static.get());
   server->registerStreamHandler(StreamedSearch::kPath, _streamed.get());
+  server->registerStreamHandler(LiveTailStream::kPath, _tail.get());
   if (!server->init(cfg) || !server->go(&_loop)) {
     failure = "The HTTP server could not listen; see var/log/velmor/velmord.log";
     return false;
@@ -100,12 +121,20 @@ bool VelmordHttp::start(Str& failure) {
   _loop.add(_sweeper.get(), HTTPSessionSweeper::kIntervalMs);
   _reaper = std::make_unique<DispatchReaper>(kReaperPeriodSeconds);
   _reaper->start();
+  // Scheduled saved searches run as jobs through the same starter as posted ones.
+  // Its passes wait until the pipelines built the index reader (`search`).
+  _scheduler = std::make_unique<SavedSearchScheduler>(
+      DispatchDirs::dispatchRoot(), DispatchSearch::threadStarter(), SavedSearchScheduler::Settings::fromLimits(),
+      nullptr, nullptr, [] { return SearchFactory::isProcessorRegistered("search", false); });
+  _scheduler->start();
   _started = true;
   return true;
 }
 
 void VelmordHttp::stopAll() {
   _streamed->stopAll();
+  _tail->stopAll();  // each tail ends with its closing chunk
+  if (_scheduler) _scheduler->stop();  // no new runs; its running ones are asked to stop
   HTTPServer::instance()->handleShutdown();
   DispatchThread::stopAll(kJobStopSeconds);
   _reaper->stop();
@@ -127,7 +156,12 @@ void VelmordHttp::join() {
     UserManager::setAuthManager(nullptr);
     HTTPRestDispatcher::instance().registerHandler("server", nullptr);
     HTTPRestDispatcher::instance().registerHandler("search", nullptr);
+    HTTPRestDispatcher::instance().registerHandler("saved", nullptr);
+    HTTPRestDispatcher::instance().registerHandler("users", nullptr);
+    UserManager::setPermissions(nullptr);
     HTTPServer::instance()->unregisterStreamHandler(StreamedSearch::kPath);
+    HTTPServer::instance()->unregisterStreamHandler(LiveTailStream::kPath);
+    HTTPServer::instance()->setRequestHandler(&HTTPRestDispatcher::instance());  // _static goes with us
   }
   _started = false;
 }

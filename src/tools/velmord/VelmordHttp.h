@@ -2,8 +2,10 @@
 // (and the SSL port, when one is set), the REST dispatcher behind it, the
 // logins it serves through the configured authentication back end, the
 // timer that drops idle sessions, and the search side that answers over it:
-// the search commands, search jobs (/services/search/jobs, their reaper) and
-// the streamed searches that peers ask for (/services/streams/search).
+// the search commands, search jobs (/services/search/jobs, their reaper),
+// saved searches and event types (/services/saved/..., and the scheduler of
+// saved searches) and the streamed searches that peers ask for
+// (/services/streams/search).
 //
 // DESIGN. start() runs on the main thread before the main loop turns: it
 // reads server.conf (the -p option overrides the management port), loads the
@@ -12,7 +14,8 @@
 // the main loop. The search commands are registered here, before the
 // pipelines build their indexes, so that the index processor registers the
 // commands that read it. The shutdown level "APIs" stops it:
-// signalShutdown() starts a thread that stops the streamed searches, stops
+// signalShutdown() starts a thread that stops the scheduler of saved
+// searches (its running runs are asked to stop), the streamed searches, stops
 // accepting, waits for the request threads, closes every connection, stops
 // the running jobs (each writes its status as stopped) and the reaper, then
 // reports completion, all before the indexes close; join() (after the loop
@@ -36,6 +39,12 @@ class ServerInfoHandler;
 class DispatchSearch;
 class DispatchReaper;
 class StreamedSearch;
+class LiveTailStream;
+class AuthorizationManagerVelmor;
+class UsersHandler;
+class StaticFileHandler;
+class SavedSearchesHandler;
+class SavedSearchScheduler;
 
 class VelmordHttp : public MShutdownHandler {
  public:
@@ -57,9 +66,15 @@ class VelmordHttp : public MShutdownHandler {
   LoaderInfo& _loaderInfo;
   std::unique_ptr<HTTPSessionSweeper> _sweeper;
   std::unique_ptr<ServerInfoHandler> _serverInfo;
+  std::shared_ptr<AuthorizationManagerVelmor> _authz;
+  std::unique_ptr<UsersHandler> _users;
   std::unique_ptr<DispatchSearch> _jobs;
   std::unique_ptr<StreamedSearch> _streamed;
+  std::unique_ptr<LiveTailStream> _tail;  // the live tail of new events
+  std::unique_ptr<StaticFileHandler> _static;  // the web page; hands /services on to the REST dispatcher
   std::unique_ptr<DispatchReaper> _reaper;
+  std::unique_ptr<SavedSearchesHandler> _saved;        // /services/saved/searches and eventtypes
+  std::unique_ptr<SavedSearchScheduler> _scheduler;    // stopped first at shutdown, before the jobs
   std::unique_ptr<Thread> _stopper;
   bool _started = false;
 };
