@@ -37,8 +37,7 @@
 #include <memory>
 
 #include "framework/UserManager.h"
-#include "framework/auth/AuthenticationManagerProxy.h"
-#include "framework/auth/AuthorizationManagerVelmor.h"
+#include "framework/auth/ToolUser.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/PersistentHashManager.h"
@@ -175,38 +174,6 @@ void plainSearch(const char* search, Str queryId, bool internal, SearchResults& 
   printMessages(*info);
   printXml(results);
 }
-
-// The tool works for the user named by VELMOR_USER, whose roles come from
-// the authentication back end, or without it for "admin" with the role
-// admin (whoever runs the tool can read the index files anyway). The roles
-// of authorize.conf decide its capabilities, indexes and search filters.
-struct ToolUser {
-  std::shared_ptr<AuthorizationManagerVelmor> authz;
-  std::unique_ptr<UserContext::Scope> scope;
-  ToolUser() {
-    const char* env = getenv("VELMOR_USER");
-    UserContext ctx;
-    AuthorizationManagerVelmor::RoleSource source;
-    if (env && *env) {
-      ctx.user = env;
-      UserManager::setAuthManager(AuthenticationManagerProxy::instancePtr());
-    } else {
-      ctx.user = "admin";
-      source = [](const Str&, std::set<Str>& roles) {
-        roles.insert("admin");
-        return true;
-      };
-    }
-    authz = AuthorizationManagerVelmor::install(source);
-    ctx.searchFilters = UserManager::getSearchFilters(ctx.user);
-    scope = std::make_unique<UserContext::Scope>(ctx);
-  }
-  ~ToolUser() {
-    scope.reset();
-    UserManager::setPermissions(nullptr);
-    UserManager::setAuthManager(nullptr);
-  }
-};
 
 // Everything between start-up and shutdown of the runtime.
 void runModes(int argc, char** argv) {

@@ -3,11 +3,13 @@
 #include <fenv.h>
 #include <stdlib.h>
 
+#include "framework/auth/ToolUser.h"
 #include "loaderinfo/LoaderInfo.h"
 #include "pipeline/indexer/IndexProcessor.h"
 #include "pipeline/indexer/PersistentHashManager.h"
 #include "pipeline/indexer/search/IndexSearchCommands.h"
 #include "pipeline/indexer/search/UnifiedSearchDispatchThreadManager.h"
+#include "search/processors/SavedVelmorResolver.h"
 #include "search/SearchFactory.h"
 #include "search/dispatch/DispatchCommands.h"
 #include "search/processors/SearchCommands.h"
@@ -70,6 +72,7 @@ void LocalRuntime::registerCommands(bool withIndexCommands) {
     IndexSearchCommands::registerAll();
   else
     IndexSearchCommands::install();
+  SavedVelmorResolver::installForProcess();  // event types, tags, saved searches
 }
 
 bool LocalRuntime::isCommand(const Str& word) {
@@ -78,6 +81,7 @@ bool LocalRuntime::isCommand(const Str& word) {
 }
 
 LocalRuntime::LocalRuntime() {
+  _user = std::make_unique<ToolUser>();
   _loop = std::make_unique<Loop>();
   try {
     registerCommands(false);

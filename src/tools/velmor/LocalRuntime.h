@@ -24,6 +24,7 @@
 #include "util/Str.h"
 
 class IndexProcessor;
+class ToolUser;
 class MainThread;
 
 // The process-wide part, for every command that works in this process:
@@ -67,6 +68,7 @@ class LocalRuntime {
   void openIndexes();
 
   struct Loop;
+  std::unique_ptr<ToolUser> _user;  // who the searches run for (VELMOR_USER, else admin)
   std::unique_ptr<Loop> _loop;
   std::unique_ptr<IndexProcessor> _index;
 };

@@ -151,6 +151,7 @@ const std::string kErrorsRaw =
 void fill(const Home& home) {
   home.add("web1.log", "web1", kWeb1);
   home.add("web2.log", "web2", kWeb2);
+  std::ofstream(home.path() + "/etc/bundles/local/eventtypes.conf") << "[bob_errors]\nquery = error user=bob\n";
 }
 
 struct Case {
@@ -185,6 +186,8 @@ TEST(VelmorCli, SearchesInProcess) {
       // The leading "search" may be left out, or written.
       {{"search", "search error", "-o", "raw"}, 0, kErrorsRaw},
       {{"search", "error", "user=bob", "-o", "raw"}, 0, "2026-11-20T10:00:02Z level=ERROR user=bob msg=disk_again\n"},
+      // event types of the home's configuration stand for their text
+      {{"search", "eventtype=bob_errors", "-o", "raw"}, 0, "2026-11-20T10:00:02Z level=ERROR user=bob msg=disk_again\n"},
       {{"search", "error"},
        0,
        "2026-11-20 10:00:03 web2 2026-11-20T10:00:03Z level=ERROR user=cid msg=timeout\n"
