@@ -79,6 +79,13 @@ setup_logins() {
 enableSsl = false
 sslPort = $HTTPS_PORT
 EOF2
+  # A role for the web team: ordinary search rights, and only the web hosts.
+  cat > "$VELMOR_HOME/etc/bundles/local/authorize.conf" <<'EOF2'
+# Written by the demo: the web team sees only the events of the web hosts.
+[role_webteam]
+importRoles = user
+srchFilter = host=web-01 OR host=web-02
+EOF2
   echo "== Logins: http://127.0.0.1:$HTTP_PORT/ and https://127.0.0.1:$HTTPS_PORT/ (self-signed certificate $auth/server.pem)"
   echo "   user admin, password $ADMIN_PASSWORD (kept in $pwfile)"
 }
@@ -681,6 +688,7 @@ EOF2
   done
   printf '   events: %d (expected %d: the samples, the appended line, 100 new lines; none twice)\n' "$n" $((total + 101))
   http_demo
+  saved_demo
   echo "== Stopping velmord (SIGTERM: shutdown by levels)"
   t0=$(date +%s.%N)
   stop_service
@@ -691,6 +699,107 @@ EOF2
     echo "demo: the indexes 'live' and 'alerts' hold $n events, not $((total + 101))" >&2
     exit 1
   fi
+}
+
+# REST calls of the saved-search demo: curl with the admin's session key.
+api() {
+  curl -sk --max-time 20 -H "Authorization: Velmor $1" "${@:2}"
+}
+
+# Runs a search job for the session key $1 and prints its rows as
+# "<host> <count>" lines (the search counts by host).
+job_counts_by_host() {
+  local key=$1 sid=$2 i done_
+  for i in $(seq 1 300); do
+    done_=$(api "$key" "https://127.0.0.1:$HTTPS_PORT/services/search/jobs/$sid" | sed -n 's/^done=//p')
+    [ "$done_" = 1 ] && break
+    sleep 0.2
+  done
+  api "$key" "https://127.0.0.1:$HTTPS_PORT/services/search/jobs/$sid/results?output_mode=json&count=0" \
+    | python3 -c 'import json, sys
+for r in json.load(sys.stdin): print(r["host"], r["count"])' | sort
+}
+
+login_key() {
+  curl -sk --max-time 10 "https://127.0.0.1:$HTTPS_PORT/services/auth/login" --data-urlencode "username=$1" \
+    --data-urlencode "password=$2" | sed -n 's:.*<sessionKey>\(.*\)</sessionKey>.*:\1:p'
+}
+
+# Stores an event type and a saved search through REST, runs the saved
+# search as a job and checks its counts against awk over the access logs;
+# then a user of the role "webteam" runs a search over every host and sees
+# only the web hosts.
+saved_demo() {
+  local base="https://127.0.0.1:$HTTPS_PORT/services" key akey sid rows want access code admin_rows
+  key=$(login_key admin "$ADMIN_PASSWORD")
+  echo "== An event type and a saved search, stored through REST and run by name"
+  api "$key" -X DELETE "$base/saved/searches/web_failures_by_host" -o /dev/null
+  api "$key" -X DELETE "$base/saved/eventtypes/web_failure" -o /dev/null
+  echo "   POST $base/saved/eventtypes name=web_failure query='%http_error% OR %http_not_found%'"
+  code=$(api "$key" -o /dev/null -w '%{http_code}' "$base/saved/eventtypes" -d name=web_failure \
+    --data-urlencode 'query=%http_error% OR %http_not_found%' -d 'description=server errors and missing pages')
+  echo "     HTTP $code"
+  echo "   POST $base/saved/searches name=web_failures_by_host query='search index=demo eventtype=web_failure | stats count by host'"
+  code=$(api "$key" -o /dev/null -w '%{http_code}' "$base/saved/searches" -d name=web_failures_by_host \
+    --data-urlencode 'query=search index=demo eventtype=web_failure | stats count by host')
+  echo "     HTTP $code"
+  code=$(api "$key" -o /dev/null -w '%{http_code}' "$base/saved/searches" \
+    --data-urlencode 'query=search error')
+  echo "   the same without a name: HTTP $code, \"$(api "$key" "$base/saved/searches" --data-urlencode 'query=search error' \
+    | sed -n 's:.*<msg type="[A-Z]*">\(.*\)</msg>.*:\1:p')\""
+  echo "   POST $base/saved/searches/web_failures_by_host/dispatch"
+  sid=$(api "$key" -X POST "$base/saved/searches/web_failures_by_host/dispatch" | sed -n 's:.*<sid>\(.*\)</sid>.*:\1:p')
+  if [ -z "$sid" ]; then
+    echo "demo: the saved search was not dispatched" >&2
+    exit 1
+  fi
+  rows=$(job_counts_by_host "$key" "$sid")
+  access=$(awk -F'\t' -v root="$SAMPLES_DIR/" '$1 ~ /\/access\.log$/ { p = $1; if (p !~ /^\//) p = root p; print p }' "$MANIFEST")
+  # shellcheck disable=SC2086
+  want=$(for f in $access; do
+    awk -v h="$(basename "$(dirname "$f")")" '$9 >= 500 || $9 == 404 { n++ } END { if (n) print h, n }' "$f"
+  done | sort)
+  echo "$rows" | sed 's/^/     /'
+  if [ "$rows" != "$want" ]; then
+    echo "demo: the saved search's counts differ from awk's:" >&2
+    diff <(echo "$rows") <(echo "$want") >&2 || true
+    exit 1
+  fi
+  echo "   job $sid: every count equals awk's (status >= 500 or 404) over the access logs"
+  echo "== A restricted role: user alice of the role webteam (srchFilter = host=web-01 OR host=web-02)"
+  api "$key" -X DELETE "$base/authentication/users/alice" -o /dev/null
+  code=$(api "$key" -o /dev/null -w '%{http_code}' "$base/authentication/users" -d name=alice \
+    -d password=alice-demo-pass -d roles=webteam)
+  echo "   POST $base/authentication/users name=alice roles=webteam: HTTP $code"
+  akey=$(login_key alice alice-demo-pass)
+  if [ -z "$akey" ]; then
+    echo "demo: alice cannot log in" >&2
+    exit 1
+  fi
+  local search='search index=demo failed | stats count by host'
+  sid=$(api "$key" "$base/search/jobs" --data-urlencode "search=$search" | sed -n 's:.*<sid>\(.*\)</sid>.*:\1:p')
+  admin_rows=$(job_counts_by_host "$key" "$sid")
+  sid=$(api "$akey" "$base/search/jobs" --data-urlencode "search=$search" | sed -n 's:.*<sid>\(.*\)</sid>.*:\1:p')
+  rows=$(job_counts_by_host "$akey" "$sid")
+  echo "   '$search' as admin:   $(echo "$admin_rows" | tr '\n' ' ')"
+  echo "   the same as alice:   $(echo "$rows" | tr '\n' ' ')"
+  want=$(echo "$admin_rows" | grep -E '^web-0[12] ' || true)
+  if [ -z "$rows" ] || [ "$rows" != "$want" ]; then
+    echo "demo: alice should see exactly the web-01 and web-02 rows" >&2
+    exit 1
+  fi
+  code=$(api "$akey" -o /dev/null -w '%{http_code}' "$base/authentication/users")
+  echo "   alice lists the users: HTTP $code (the role has no list_users)"
+}
+
+# The address of the web page and how to log in.
+web_page_hint() {
+  echo "== The web search page"
+  echo "   VELMOR_HOME=$VELMOR_HOME VELMOR_DB=$VELMOR_DB $BUILD/bin/velmord -p $HTTP_PORT"
+  echo "   then open http://127.0.0.1:$HTTP_PORT/ (or https://127.0.0.1:$HTTPS_PORT/, self-signed)"
+  echo "   log in as admin, password $ADMIN_PASSWORD (kept in $VELMOR_HOME/etc/auth/demo-admin-password)"
+  echo "   pick 'All time': the samples start on $SAMPLE_START; try: index=demo eventtype=web_failure"
+  echo "   or from a terminal: $BUILD/bin/velmor search 'index=demo eventtype=web_failure | stats count by host'"
 }
 
 find_tools
@@ -706,3 +815,4 @@ search_csv_demo
 report_demo
 field_demo
 service_demo
+web_page_hint
