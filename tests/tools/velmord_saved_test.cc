@@ -3,137 +3,16 @@
 // search dispatched as a job counting what posting its text counts, and the
 // scheduler running a turn missed while the service was down once at start,
 // as a job of the search's owner listed in the search's history.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <ctime>
 #include <fstream>
 #include <regex>
 #include <string>
-#include <thread>
 
-#include "ToolProcess.h"
+#include "ServiceFixture.h"
 
 namespace {
-
-const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
-const std::string kIndexTool = VELMOR_BINARY_DIR "/bin/velmor-index";
-using Clock = std::chrono::steady_clock;
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// A scratch installation laid out by the shipped script.
-class Home {
- public:
-  Home() {
-    char tmpl[] = "/tmp/velmord_saved_test.XXXXXX";
-    _path = mkdtemp(tmpl);
-    std::string cmd = "bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + _path + " >/dev/null";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "mkhome failed";
-  }
-  ~Home() {
-    std::string cmd = "rm -rf " + _path;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
-  }
-  const std::string& path() const { return _path; }
-  std::string local(const std::string& file) const { return _path + "/etc/bundles/local/" + file; }
-  std::string dispatch() const { return _path + "/var/run/velmor/dispatch"; }
-  std::vector<std::pair<std::string, std::string>> env() const {
-    return {{"VELMOR_HOME", _path}, {"VELMOR_DB", _path + "/var/lib/velmor/db"}};
-  }
-  std::string pidFile() const { return _path + "/var/run/velmor/velmord.pid"; }
-  std::string log() const { return slurp(_path + "/var/log/velmor/velmord.log"); }
-
- private:
-  std::string _path;
-};
-
-// velmord --nodaemon on `port`; killed if still running when it goes.
-class Service {
- public:
-  Service(const Home& home, int port) : _home(home), _port(std::to_string(port)) {}
-  ~Service() {
-    if (_pid > 0) {
-      kill(_pid, SIGKILL);
-      waitpid(_pid, nullptr, 0);
-    }
-  }
-  void start() {
-    _pid = fork();
-    if (_pid == 0) {
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, 1);
-      dup2(null, 2);
-      for (const auto& [k, v] : _home.env()) setenv(k.c_str(), v.c_str(), 1);
-      execl(kVelmord.c_str(), kVelmord.c_str(), "--nodaemon", "-p", _port.c_str(), (char*)nullptr);
-      _exit(127);
-    }
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    struct stat st;
-    while (stat(_home.pidFile().c_str(), &st) != 0 && Clock::now() < deadline) sleepMs(20);
-    ASSERT_EQ(stat(_home.pidFile().c_str(), &st), 0) << "velmord did not start";
-  }
-  // SIGTERM; the exit status, or -1 when it had to be killed after 60 s.
-  int stop() {
-    if (_pid <= 0) return -1;
-    kill(_pid, SIGTERM);
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    int st = 0;
-    while (Clock::now() < deadline) {
-      if (waitpid(_pid, &st, WNOHANG) == _pid) {
-        _pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-      }
-      sleepMs(20);
-    }
-    kill(_pid, SIGKILL);
-    waitpid(_pid, nullptr, 0);
-    _pid = -1;
-    return -1;
-  }
-
- private:
-  const Home& _home;
-  std::string _port;
-  pid_t _pid = -1;
-};
-
-int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-    port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
-
-// curl; the body, then a line with the status code.
-struct Reply {
-  std::string body;
-  std::string status;
-};
-Reply curl(const Home& home, std::vector<std::string> args) {
-  args.insert(args.begin(), {"-s", "--max-time", "20", "--retry", "40", "--retry-connrefused", "--retry-delay",
-                             "0", "-w", "\n%{http_code}"});
-  ToolRun r = runTool("/usr/bin/curl", args, home.path(), home.env());
-  size_t nl = r.out.rfind('\n');
-  if (nl == std::string::npos) return {r.out, ""};
-  return {r.out.substr(0, nl), r.out.substr(nl + 1)};
-}
 
 std::string unescaped(std::string s) {
   for (size_t at = s.find("&apos;"); at != std::string::npos; at = s.find("&apos;")) s.replace(at, 6, "'");
@@ -143,7 +22,7 @@ std::string unescaped(std::string s) {
 const char* const kCountSearch = "search index=main error | stats count";
 
 TEST(VelmordSaved, SavedSearchesOverHttp) {
-  Home home;
+  ScratchHome home("velmord_saved_test");
   // 40 events, every third an error.
   const std::string logFile = home.path() + "/app.log";
   {
@@ -158,8 +37,8 @@ TEST(VelmordSaved, SavedSearchesOverHttp) {
   ToolRun add = runTool(kIndexTool, {"add", "main", logFile, "--host", "h1", "--sourcetype", "app"}, home.path(),
                         home.env());
   ASSERT_EQ(add.status, 0) << add.err;
-  std::ofstream(home.local("server.conf")) << "[sslConfig]\nenableSsl = false\n";
-  std::ofstream(home.local("user-seed.conf")) << "[seed]\nname = admin\npassword = saved-Secret-1\n";
+  home.plainHttp();
+  home.seedUser("admin", "saved-Secret-1");
   std::ofstream(home.local("limits.conf")) << "[scheduler]\nperiod = 1\nkeep_runs = 2\n";
   // A scheduled search whose last run (an hour ago) is on disk: the turns
   // missed since run once when the service starts.
@@ -176,16 +55,16 @@ TEST(VelmordSaved, SavedSearchesOverHttp) {
   const int port = freePort();
   ASSERT_GT(port, 0);
   const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/services";
-  Service svc(home, port);
-  svc.start();
+  ServiceProcess svc(home, port);
+  ASSERT_TRUE(svc.start()) << "velmord did not start";
 
-  Reply login = curl(home, {base + "/auth/login", "-d", "username=admin", "-d", "password=saved-Secret-1"});
+  HttpReply login = curlReply(home, {base + "/auth/login", "-d", "username=admin", "-d", "password=saved-Secret-1"});
   std::smatch m;
   ASSERT_TRUE(std::regex_search(login.body, m, std::regex("<sessionKey>([0-9a-f]+)</sessionKey>"))) << login.body;
   const std::vector<std::string> auth = {"-H", "Authorization: Velmor " + std::string(m[1])};
   auto call = [&](std::vector<std::string> args) {
     args.insert(args.begin(), auth.begin(), auth.end());
-    return curl(home, args);
+    return curlReply(home, args);
   };
 
   struct Step {
@@ -210,7 +89,7 @@ TEST(VelmordSaved, SavedSearchesOverHttp) {
       {{"--digest", "-u", "admin:wrong", saved}, "401", ""},
   };
   for (const Step& s : steps) {
-    Reply r = s.args.front() == "--digest" ? curl(home, s.args) : call(s.args);
+    HttpReply r = s.args.front() == "--digest" ? curlReply(home, s.args) : call(s.args);
     EXPECT_EQ(r.status, s.status) << s.args.back() << "\n" << r.body;
     EXPECT_NE(unescaped(r.body).find(s.holds), std::string::npos) << s.args.back() << "\n" << r.body;
   }
@@ -233,9 +112,9 @@ TEST(VelmordSaved, SavedSearchesOverHttp) {
     std::smatch s;
     return std::regex_search(body, s, std::regex("<sid>([^<]+)</sid>")) ? std::string(s[1]) : std::string();
   };
-  Reply posted = call({base + "/search/jobs", "--data-urlencode", std::string("search=") + kCountSearch});
+  HttpReply posted = call({base + "/search/jobs", "--data-urlencode", std::string("search=") + kCountSearch});
   ASSERT_EQ(posted.status, "201") << posted.body;
-  Reply dispatched = call({saved + "/errs/dispatch", "-X", "POST"});
+  HttpReply dispatched = call({saved + "/errs/dispatch", "-X", "POST"});
   ASSERT_EQ(dispatched.status, "201") << dispatched.body;
   const long want = countOf(sidOf(posted.body));
   EXPECT_EQ(want, 14);

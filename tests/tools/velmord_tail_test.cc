@@ -2,130 +2,36 @@
 // /services/streams/tail with curl, lines are appended to the file, and
 // exactly the lines the search keeps arrive, in order, with the host of
 // the file's stanza; at the service's stop the reply ends cleanly.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <ctime>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "ToolProcess.h"
+#include "ServiceFixture.h"
 
 namespace {
 
-const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
-using Clock = std::chrono::steady_clock;
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-    port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
-
-// A child process, killed (SIGKILL) if still running when the object goes.
-class Child {
- public:
-  ~Child() { kill9(); }
-  // Runs `argv` with `env` set and its standard output (and error) in `out`.
-  void start(const std::vector<std::string>& argv, const std::vector<std::pair<std::string, std::string>>& env,
-             const std::string& out) {
-    _pid = fork();
-    if (_pid == 0) {
-      int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(o, 1);
-      dup2(o, 2);
-      for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-      std::vector<char*> args;
-      for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
-    }
-  }
-  // Sends `sig` and waits at most `seconds`; the exit status, 128 + the
-  // signal when one ended it, -1 when it had to be killed.
-  int stop(int sig, int seconds) {
-    if (_pid <= 0) return -1;
-    if (sig) kill(_pid, sig);
-    auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    int st = 0;
-    while (Clock::now() < deadline) {
-      if (waitpid(_pid, &st, WNOHANG) == _pid) {
-        _pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-      }
-      sleepMs(20);
-    }
-    kill9();
-    return -1;
-  }
-  void kill9() {
-    if (_pid <= 0) return;
-    kill(_pid, SIGKILL);
-    waitpid(_pid, nullptr, 0);
-    _pid = -1;
-  }
-
- private:
-  pid_t _pid = -1;
-};
-
 // A scratch installation following <home>/logs with host "web9", plain
 // HTTP, and an admin.
-class TailHome {
+class TailHome : public ScratchHome {
  public:
-  TailHome() {
-    char tmpl[] = "/tmp/velmord_tail_test.XXXXXX";
-    _path = mkdtemp(tmpl);
-    std::string cmd = "bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + _path + " >/dev/null";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "mkhome failed";
-    mkdir((_path + "/logs").c_str(), 0755);
-    std::ofstream(_path + "/logs/app.log").flush();
-    std::ofstream(_path + "/etc/bundles/local/inputs.conf")
-        << "[tail:" << _path << "/logs]\nsourcetype = app\nhost = web9\n";
-    std::ofstream(_path + "/etc/bundles/local/server.conf", std::ios::app) << "[sslConfig]\nenableSsl = false\n";
-    std::ofstream(_path + "/etc/bundles/local/user-seed.conf") << "[seed]\nname = admin\npassword = Tail-Secret-1\n";
-  }
-  ~TailHome() {
-    std::string cmd = "rm -rf " + _path;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
-  }
-  const std::string& path() const { return _path; }
-  std::vector<std::pair<std::string, std::string>> env() const {
-    return {{"VELMOR_HOME", _path}, {"VELMOR_DB", _path + "/var/lib/velmor/db"}, {"VELMOR_BINDIP", "127.0.0.1"}};
+  TailHome() : ScratchHome("velmord_tail_test") {
+    followLogs("sourcetype = app\nhost = web9\n");
+    std::ofstream(path() + "/logs/app.log").flush();
+    plainHttp();
+    seedUser("admin", "Tail-Secret-1");
+    setEnv("VELMOR_BINDIP", "127.0.0.1");
   }
   void append(const std::string& line) const {
     char stamp[32];
     time_t now = time(nullptr);
     strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", gmtime(&now));
-    std::ofstream(_path + "/logs/app.log", std::ios::app) << stamp << " " << line << "\n";
+    std::ofstream(path() + "/logs/app.log", std::ios::app) << stamp << " " << line << "\n";
   }
-
- private:
-  std::string _path;
 };
 
 TEST(VelmordTail, ExactlyTheKeptLinesArriveAndTheReplyEndsAtStop) {
@@ -133,30 +39,30 @@ TEST(VelmordTail, ExactlyTheKeptLinesArriveAndTheReplyEndsAtStop) {
   const int port = freePort();
   ASSERT_GT(port, 0);
   const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/services";
-  Child service;
-  service.start({kVelmord, "--nodaemon", "-p", std::to_string(port)}, home.env(), home.path() + "/velmord.out");
+  ServiceProcess service(home, port);
+  service.captureOutput(home.path() + "/velmord.out", home.path() + "/velmord.out");
+  ASSERT_TRUE(service.start()) << slurp(home.path() + "/velmord.out");
 
-  ToolRun login = runTool("/usr/bin/curl",
-                          {"-s", "--max-time", "20", "--retry", "40", "--retry-connrefused", "--retry-delay", "0",
-                           base + "/auth/login", "-d", "username=admin", "-d", "password=Tail-Secret-1"},
-                          home.path(), home.env());
+  ToolRun login = curlBare(home,
+                           {"-s", "--max-time", "20", "--retry", "40", "--retry-connrefused", "--retry-delay", "0",
+                            base + "/auth/login", "-d", "username=admin", "-d", "password=Tail-Secret-1"});
   std::smatch m;
   ASSERT_TRUE(std::regex_search(login.out, m, std::regex("<sessionKey>([0-9a-f]{32})</sessionKey>"))) << login.out;
   const std::string key = m[1];
 
   // A search that a refused command spoils is answered at once.
-  ToolRun refused = runTool("/usr/bin/curl",
-                            {"-s", "--max-time", "20", "-w", "\n%{http_code}", "-H", "Authorization: Velmor " + key,
-                             base + "/streams/tail", "--data-urlencode", "search=search error | stats count"},
-                            home.path(), home.env());
+  ToolRun refused = curlBare(home,
+                             {"-s", "--max-time", "20", "-w", "\n%{http_code}", "-H", "Authorization: Velmor " + key,
+                              base + "/streams/tail", "--data-urlencode", "search=search error | stats count"});
   EXPECT_NE(std::string::npos, refused.out.find("The command 'stats' cannot be used in a live tail")) << refused.out;
   EXPECT_EQ("400", refused.out.substr(refused.out.size() - 3)) << refused.out;
 
   const std::string tailOut = home.path() + "/tail.out";
-  Child tail;
-  tail.start({"/usr/bin/curl", "-sN", "--max-time", "90", "-H", "Authorization: Velmor " + key, base + "/streams/tail",
+  ChildProcess tail;
+  tail.start(kCurl,
+             {"-sN", "--max-time", "90", "-H", "Authorization: Velmor " + key, base + "/streams/tail",
               "--data-urlencode", "search=search error | where code>=500", "-d", "output_mode=json"},
-             home.env(), tailOut);
+             home.env(), tailOut, tailOut);
   sleepMs(1000);  // the tail subscribes
 
   struct Line {
@@ -193,11 +99,10 @@ TEST(VelmordTail, ExactlyTheKeptLinesArriveAndTheReplyEndsAtStop) {
   // first (they become searchable within the index's sync period).
   std::string history;
   for (int attempt = 0; attempt < 15 && history.find("fifth") == std::string::npos; ++attempt) {
-    ToolRun h = runTool("/usr/bin/curl",
-                        {"-sN", "--max-time", "20", "-H", "Authorization: Velmor " + key,
+    ToolRun h = curlBare(home,
+                         {"-sN", "--max-time", "20", "-H", "Authorization: Velmor " + key,
                          base + "/streams/tail?output_mode=json&earliest_time=-1h&max_time=1", "--data-urlencode",
-                         "search=search error | where code>=500"},
-                        home.path(), home.env());
+                          "search=search error | where code>=500"});
     history = h.out;
   }
   size_t first = history.find("error code=503 first"), fifth = history.find("error code=500 fifth");
@@ -207,7 +112,7 @@ TEST(VelmordTail, ExactlyTheKeptLinesArriveAndTheReplyEndsAtStop) {
   EXPECT_EQ(std::string::npos, history.find("second")) << history;
 
   // The service's stop ends the reply cleanly: curl sees its end and exits 0.
-  EXPECT_EQ(0, service.stop(SIGTERM, 60));
+  EXPECT_EQ(0, service.stop(60));
   EXPECT_EQ(0, tail.stop(0, 30)) << slurp(tailOut);
 }
 

@@ -4,14 +4,7 @@
 // moment of a write burst) or to the files (rotation by rename), and the
 // shape events take on the way (merged lines, times from the text in the
 // stanza's zone, a host and an index set by transforms).
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -22,112 +15,17 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 
-#include "ToolProcess.h"
+#include "ServiceFixture.h"
 
 namespace {
 
-const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
-const std::string kIndexTool = VELMOR_BINARY_DIR "/bin/velmor-index";
-const std::string kSearchTool = VELMOR_BINARY_DIR "/bin/velmor-search";
 const std::string kLoghub = VELMOR_SOURCE_DIR "/../shared/data/loghub/";
 
-using Clock = std::chrono::steady_clock;
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// A scratch installation laid out by the shipped script, following
-// <home>/logs.
-class ServiceHome {
+// A scratch installation following <home>/logs.
+class ServiceHome : public ScratchHome {
  public:
-  ServiceHome() {
-    char tmpl[] = "/tmp/velmord_test.XXXXXX";
-    _path = mkdtemp(tmpl);
-    std::string cmd = "bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + _path + " >/dev/null";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "mkhome failed";
-    mkdir((_path + "/logs").c_str(), 0755);
-    std::ofstream(_path + "/etc/bundles/local/inputs.conf") << "[tail:" << _path << "/logs]\nsourcetype = app\n";
-  }
-  ~ServiceHome() {
-    if (getenv("VELMORD_TEST_KEEP")) {
-      fprintf(stderr, "kept %s\n", _path.c_str());
-      return;
-    }
-    std::string cmd = "rm -rf " + _path;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
-  }
-  const std::string& path() const { return _path; }
-  std::vector<std::pair<std::string, std::string>> env() const {
-    return {{"VELMOR_HOME", _path}, {"VELMOR_DB", _path + "/var/lib/velmor/db"}};
-  }
-  std::string pidFile() const { return _path + "/var/run/velmor/velmord.pid"; }
-  std::string log() const { return slurp(_path + "/var/log/velmor/velmord.log"); }
-
- private:
-  std::string _path;
-};
-
-// velmord --nodaemon as a child; killed (SIGKILL) if still running when the
-// object goes, so a failing test never leaves it behind.
-class Service {
- public:
-  explicit Service(const ServiceHome& home) : _home(home) {}
-  ~Service() {
-    if (_pid > 0) {
-      kill(_pid, SIGKILL);
-      waitpid(_pid, nullptr, 0);
-    }
-  }
-  void start() {
-    ASSERT_LE(_pid, 0);
-    unlink(_home.pidFile().c_str());
-    _pid = fork();
-    if (_pid == 0) {
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, 1);
-      dup2(null, 2);
-      for (const auto& [k, v] : _home.env()) setenv(k.c_str(), v.c_str(), 1);
-      execl(kVelmord.c_str(), kVelmord.c_str(), "--nodaemon", "-p", _port.c_str(), (char*)nullptr);
-      _exit(127);
-    }
-    // Running once it wrote its pid file.
-    auto deadline = Clock::now() + std::chrono::seconds(30);
-    struct stat st;
-    while (stat(_home.pidFile().c_str(), &st) != 0 && Clock::now() < deadline) sleepMs(20);
-    ASSERT_EQ(stat(_home.pidFile().c_str(), &st), 0) << "velmord did not start";
-  }
-  void kill9() {
-    ASSERT_GT(_pid, 0);
-    kill(_pid, SIGKILL);
-    waitpid(_pid, nullptr, 0);
-    _pid = -1;
-  }
-  // SIGTERM; the exit status, 128 + the signal when a signal ended it, or -1
-  // when it had to be killed after 60 s.
-  int stop() {
-    if (_pid <= 0) return -1;
-    kill(_pid, SIGTERM);
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    int st = 0;
-    while (Clock::now() < deadline) {
-      if (waitpid(_pid, &st, WNOHANG) == _pid) {
-        _pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-      }
-      sleepMs(20);
-    }
-    kill9();
-    return -1;
-  }
-  pid_t pid() const { return _pid; }
-  // The management port for the next start ("0": any free port).
-  void setPort(int port) { _port = std::to_string(port); }
-
- private:
-  const ServiceHome& _home;
-  pid_t _pid = -1;
-  std::string _port = "0";
+  ServiceHome() : ScratchHome("velmord_test") { followLogs("sourcetype = app\n"); }
 };
 
 std::string tailOf(const std::string& text, size_t n) { return text.size() > n ? text.substr(text.size() - n) : text; }
@@ -177,8 +75,8 @@ TEST(Velmord, CommandLineTextsAndStatuses) {
 
 TEST(Velmord, StartsOnceAndStopsByLevels) {
   ServiceHome home;
-  Service s(home);
-  s.start();
+  ServiceProcess s(home);
+  ASSERT_TRUE(s.start()) << "velmord did not start";
   ToolRun second = runTool(kVelmord, {"--nodaemon"}, home.path(), home.env());
   EXPECT_EQ(second.status, 1);
   EXPECT_NE(second.err.find("velmord is already running (pid " + std::to_string(s.pid()) + ")"), std::string::npos)
@@ -214,42 +112,19 @@ TEST(Velmord, DetachesAndReportsTheStart) {
   }
 }
 
-// A loopback port nobody listens on at the moment of asking.
-int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-    port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
-
-// curl against the service; the body, then a line with the status code.
-ToolRun curl(const ServiceHome& home, std::vector<std::string> args) {
-  args.insert(args.begin(), {"-s", "--max-time", "20", "--retry", "40", "--retry-connrefused", "--retry-delay",
-                             "0", "-w", "\n%{http_code}"});
-  return runTool("/usr/bin/curl", args, home.path(), home.env());
-}
-
 // The first user comes from user-seed.conf; logins over HTTP open sessions
 // whose key (or digest authentication) lets a caller in, and the password
 // is neither stored nor logged in clear.
 TEST(Velmord, LoginsOverHttp) {
   ServiceHome home;
   const std::string password = "Tr0ub4dor-and-3";
-  std::ofstream(home.path() + "/etc/bundles/local/user-seed.conf") << "[seed]\nname = admin\npassword = " << password
-                                                                    << "\n";
+  home.seedUser("admin", password);
   const int port = freePort();
   ASSERT_GT(port, 0);
   const std::string base = "http://127.0.0.1:" + std::to_string(port) + "/services";
-  Service s(home);
+  ServiceProcess s(home);
   s.setPort(port);
-  s.start();
+  ASSERT_TRUE(s.start()) << "velmord did not start";
 
   ToolRun login = curl(home, {base + "/auth/login", "-d", "username=admin", "-d", "password=" + password});
   std::smatch m;
@@ -291,7 +166,7 @@ TEST(Velmord, LoginsOverHttp) {
 }
 
 // host -> count of the rows of a "stats count by host" report, from the
-// XML velmor-search prints or the CSV a job gives.
+// XML velmor-search prints (countsFromCsv reads the CSV a job gives).
 std::map<std::string, long> countsFromXml(const std::string& xml) {
   std::map<std::string, long> out;
   std::regex result("<result [^>]*>([\\s\\S]*?)</result>");
@@ -303,21 +178,6 @@ std::map<std::string, long> countsFromXml(const std::string& xml) {
   }
   return out;
 }
-std::map<std::string, long> countsFromCsv(const std::string& csv) {
-  std::map<std::string, long> out;
-  std::istringstream in(csv);
-  std::string line, header;
-  std::getline(in, header);
-  bool hostFirst = header.rfind("host", 0) == 0;
-  while (std::getline(in, line)) {
-    size_t comma = line.find(',');
-    if (comma == std::string::npos) continue;
-    std::string a = line.substr(0, comma), b = line.substr(comma + 1);
-    if (hostFirst) out[a] += std::stol(b); else out[b] += std::stol(a);
-  }
-  return out;
-}
-
 // Three services each hold a third of a real log (spread over four hosts);
 // a job posted to the first, with the other two as its peers, counts by
 // host what one server holding every event counts. With one peer killed the
@@ -352,20 +212,17 @@ TEST(Velmord, JobsOverPeersCountAsOneServer) {
   }
   const int ports[] = {freePort(), freePort(), freePort()};
   for (int s = 0; s < 3; ++s) {
-    std::ofstream conf(servers[s]->path() + "/etc/bundles/local/server.conf");
-    conf << "[sslConfig]\nenableSsl = false\n";
-    if (s == 0)
-      conf << "[distributedSearch]\nservers = http://127.0.0.1:" << ports[1] << ", http://127.0.0.1:" << ports[2]
-           << "\nusername = searcher\npassword = peer-Secret-1\nconnectTimeout = 5\nreceiveTimeout = 30\n";
-    std::ofstream(servers[s]->path() + "/etc/bundles/local/user-seed.conf")
-        << "[seed]\nname = " << (s == 0 ? "admin" : "searcher") << "\npassword = " << (s == 0 ? "head-Secret-1" : "peer-Secret-1")
-        << "\n";
+    servers[s]->plainHttp(s != 0 ? "" :
+                          "[distributedSearch]\nservers = http://127.0.0.1:" + std::to_string(ports[1]) +
+                              ", http://127.0.0.1:" + std::to_string(ports[2]) +
+                              "\nusername = searcher\npassword = peer-Secret-1\nconnectTimeout = 5\nreceiveTimeout = 30\n");
+    servers[s]->seedUser(s == 0 ? "admin" : "searcher", s == 0 ? "head-Secret-1" : "peer-Secret-1");
   }
-  Service svc0(head), svc1(peer1), svc2(peer2);
-  Service* svcs[] = {&svc0, &svc1, &svc2};
+  ServiceProcess svc0(head), svc1(peer1), svc2(peer2);
+  ServiceProcess* svcs[] = {&svc0, &svc1, &svc2};
   for (int s = 2; s >= 0; --s) {
     svcs[s]->setPort(ports[s]);
-    svcs[s]->start();
+    ASSERT_TRUE(svcs[s]->start()) << "velmord did not start";
   }
   ToolRun one = runTool(kSearchTool, {"search index=main | stats count by host | outputxml"}, all.path(), all.env());
   const std::map<std::string, long> want = countsFromXml(one.out);
@@ -405,7 +262,7 @@ TEST(Velmord, JobsOverPeersCountAsOneServer) {
   EXPECT_EQ(runJob(entry), partial) << entry;
   EXPECT_NE(entry.find("Results from this peer were not returned"), std::string::npos) << entry;
   EXPECT_NE(entry.find(std::to_string(ports[2])), std::string::npos) << entry;
-  for (Service* s : {&svc0, &svc1}) EXPECT_EQ(s->stop(), 0);
+  for (ServiceProcess* s : {&svc0, &svc1}) EXPECT_EQ(s->stop(), 0);
 }
 
 // Writes `lines` numbered lines into <home>/logs/app.log in bursts while
@@ -414,8 +271,8 @@ TEST(Velmord, JobsOverPeersCountAsOneServer) {
 // the index exactly once at the end.
 TEST(Velmord, EveryLineOnceThroughKillsStopsAndRotation) {
   ServiceHome home;
-  Service s(home);
-  s.start();
+  ServiceProcess s(home);
+  ASSERT_TRUE(s.start()) << "velmord did not start";
   const std::string file = home.path() + "/logs/app.log";
   const long kLines = 40000, kBursts = 10;
   long seq = 0;
@@ -439,7 +296,7 @@ TEST(Velmord, EveryLineOnceThroughKillsStopsAndRotation) {
     } else {
       s.kill9();
     }
-    s.start();
+    ASSERT_TRUE(s.start()) << "velmord did not start";
   }
   // Everything is read and indexed within a bounded time.
   std::multiset<long> seen;
@@ -524,8 +381,8 @@ TEST(Velmord, EventsTakeShapeOnTheWay) {
       << "2026-11-20T08:00:02.000Z level=INFO user=cy action=logout appline\n"
       << "2026-11-20T08:00:03.000Z level=ERROR user=dee action=refund appline\n";
 
-  Service s(home);
-  s.start();
+  ServiceProcess s(home);
+  ASSERT_TRUE(s.start()) << "velmord did not start";
   auto deadline = Clock::now() + std::chrono::seconds(60);
   while (Clock::now() < deadline && (searchEvents(home, "main", {"jvmlast"}).empty() ||
                                      searchEvents(home, "main", {"relaytwo"}).empty() ||

@@ -2,136 +2,42 @@
 // standard error and exit status out, against a scratch home filled by
 // `velmor add` itself; a live tail in process; and the same commands with
 // --server against a velmord started by the test.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <fstream>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "../ToolProcess.h"
+#include "../ServiceFixture.h"
 
 namespace {
 
-const std::string kVelmor = VELMOR_BINARY_DIR "/bin/velmor";
-const std::string kVelmord = VELMOR_BINARY_DIR "/bin/velmord";
-using Env = std::vector<std::pair<std::string, std::string>>;
-using Clock = std::chrono::steady_clock;
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// A child process with its output in files of `dir`; killed when the object
-// goes if it still runs.
-class Child {
- public:
-  Child(const std::string& program, const std::vector<std::string>& args, const std::string& dir, const Env& env,
-        const std::string& name)
-      : _out(dir + "/" + name + ".out"), _err(dir + "/" + name + ".err") {
-    _pid = fork();
-    if (_pid == 0) {
-      int o = open(_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      int e = open(_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      int in = open("/dev/null", O_RDONLY);
-      dup2(o, 1);
-      dup2(e, 2);
-      dup2(in, 0);
-      for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-      std::vector<char*> argv{const_cast<char*>(program.c_str())};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(program.c_str(), argv.data());
-      _exit(127);
-    }
-  }
-  ~Child() {
-    if (_pid > 0) {
-      kill(_pid, SIGKILL);
-      waitpid(_pid, nullptr, 0);
-    }
-  }
-  // The exit status within `seconds`, else -1 (the child is killed);
-  // 128 + the signal when one ended it.
-  int wait(int seconds) {
-    auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    int st = 0;
-    while (Clock::now() < deadline) {
-      if (waitpid(_pid, &st, WNOHANG) == _pid) {
-        _pid = -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-      }
-      sleepMs(20);
-    }
-    kill(_pid, SIGKILL);
-    waitpid(_pid, nullptr, 0);
-    _pid = -1;
-    return -1;
-  }
-  void signal(int sig) {
-    if (_pid > 0) kill(_pid, sig);
-  }
-  // Whether standard output holds `text` within `seconds`.
-  bool outHolds(const std::string& text, int seconds) const {
-    auto deadline = Clock::now() + std::chrono::seconds(seconds);
-    while (Clock::now() < deadline) {
-      if (out().find(text) != std::string::npos) return true;
-      sleepMs(20);
-    }
-    return false;
-  }
-  std::string out() const { return slurp(_out); }
-  std::string err() const { return slurp(_err); }
-  pid_t pid() const { return _pid; }
-
- private:
-  std::string _out, _err;
-  pid_t _pid = -1;
-};
-
 // A scratch installation laid out by the shipped script.
-class Home {
+class Home : public ScratchHome {
  public:
-  Home() {
-    char tmpl[] = "/tmp/velmor_cli_test.XXXXXX";
-    _path = mkdtemp(tmpl);
-    std::string cmd = "bash " VELMOR_SOURCE_DIR "/scripts/mkhome.sh " + _path + " >/dev/null";
-    if (system(cmd.c_str()) != 0) ADD_FAILURE() << "mkhome failed";
-    std::ofstream(_path + "/etc/bundles/local/inputs.conf") << "";
+  Home() : ScratchHome("velmor_cli_test") {
+    std::ofstream(local("inputs.conf")) << "";
+    setEnv("VELMOR_DB", "");
+    setEnv("TZ", "UTC");
+    setEnv("NO_COLOR", "1");
   }
-  ~Home() {
-    std::string cmd = "rm -rf " + _path;
-    if (system(cmd.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
-  }
-  const std::string& path() const { return _path; }
-  Env env() const { return {{"VELMOR_HOME", _path}, {"VELMOR_DB", ""}, {"TZ", "UTC"}, {"NO_COLOR", "1"}}; }
   ToolRun velmor(const std::vector<std::string>& args, Env extra = {}) const {
     Env e = env();
     e.insert(e.end(), extra.begin(), extra.end());
-    return runTool(kVelmor, args, _path, e);
+    return runTool(kVelmor, args, path(), e);
   }
   // Writes `lines` to <home>/<name> and adds the file to main as `host`.
   void add(const std::string& name, const std::string& host, const std::string& lines) const {
-    std::ofstream(_path + "/" + name) << lines;
-    ToolRun r = velmor({"add", _path + "/" + name, "--index", "main", "--host", host, "--sourcetype", "app"});
+    std::ofstream(path() + "/" + name) << lines;
+    ToolRun r = velmor({"add", path() + "/" + name, "--index", "main", "--host", host, "--sourcetype", "app"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.err.find("velmor: " + _path + "/" + name + ": "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("velmor: " + path() + "/" + name + ": "), std::string::npos) << r.err;
     EXPECT_EQ(r.err.find("velmor-index"), std::string::npos) << r.err;
   }
-
- private:
-  std::string _path;
 };
 
 const char* const kWeb1 =
@@ -279,7 +185,7 @@ TEST(VelmorCli, TailsInProcess) {
   Home home;
   fill(home);
   Env env = home.env();
-  Child tail(kVelmor,
+  ChildProcess tail(kVelmor,
              {"tail", "error", "--earliest", "2026-11-20T10:00:02Z", "--window", "-3650d", "--interval", "0.1",
               "--max-events", "4", "-o", "raw"},
              home.path(), env, "tail");
@@ -307,7 +213,7 @@ TEST(VelmorCli, TailsInProcess) {
       << out;
 
   // Without --earliest nothing old shows; SIGINT ends the tail with 0.
-  Child quiet(kVelmor, {"tail", "error", "--window", "-3650d", "--interval", "0.1"}, home.path(), env, "quiet");
+  ChildProcess quiet(kVelmor, {"tail", "error", "--window", "-3650d", "--interval", "0.1"}, home.path(), env, "quiet");
   sleepMs(300);
   quiet.signal(SIGINT);
   EXPECT_EQ(quiet.wait(60), 0) << quiet.err();
@@ -391,35 +297,20 @@ TEST(VelmorCli, OnATerminal) {
   EXPECT_NE(shown.find("velmor: cannot reach http://127.0.0.1:1"), std::string::npos) << shown;
 }
 
-int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  int port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-    port = ntohs(a.sin_port);
-  close(fd);
-  return port;
-}
-
 // The same searches through a velmord: a job per search, its rows paged as
 // JSON; the report's columns come in the service's order (by name).
 TEST(VelmorCli, SearchesThroughTheService) {
   Home home;
   fill(home);
   const std::string password = "Cli-Secret-42";
-  std::ofstream(home.path() + "/etc/bundles/local/server.conf") << "[sslConfig]\nenableSsl = false\n";
-  std::ofstream(home.path() + "/etc/bundles/local/user-seed.conf") << "[seed]\nname = admin\npassword = " << password
-                                                                   << "\n";
+  home.plainHttp();
+  home.seedUser("admin", password);
   const int port = freePort();
   ASSERT_GT(port, 0);
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
   Env env = home.env();
   env.emplace_back("VELMOR_DB", home.path() + "/var/lib/velmor/db");
-  Child service(kVelmord, {"--nodaemon", "-p", std::to_string(port)}, home.path(), env, "velmord");
+  ChildProcess service(kVelmord, {"--nodaemon", "-p", std::to_string(port)}, home.path(), env, "velmord");
   // Up once it answers a login.
   bool up = false;
   for (int i = 0; i < 300 && !up; ++i) {
@@ -466,7 +357,7 @@ TEST(VelmorCli, SearchesThroughTheService) {
 
   // The live tail over REST: the indexed events since --earliest, then the
   // end at --max-events.
-  Child tail(kVelmor,
+  ChildProcess tail(kVelmor,
              {"--server", url, "--password", password, "tail", "error", "--earliest", "2026-11-20T00:00:00Z",
               "--max-events", "3", "-o", "raw"},
              home.path(), env, "rest-tail");
