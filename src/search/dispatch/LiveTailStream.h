@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "framework/http/MHTTPStreamHandler.h"
+#include "framework/http/StreamWorkers.h"
 #include "pipeline/indexer/LiveTailHub.h"
 #include "util/Mutex.h"
 #include "util/Str.h"
@@ -109,11 +110,8 @@ class LiveTailStream : public MHTTPStreamHandler {
   class Worker;
 
  private:
-  void reapFinished();
-
   HTTPAuthManager* _auth;
   LiveTailHub* _hub;
   size_t _queueCapacity;
-  mutable Mutex _mutex;
-  std::list<std::unique_ptr<Worker>> _workers;
+  StreamWorkers<Worker> _workers;
 };

@@ -218,50 +218,13 @@ StreamedSearch::StreamedSearch(HTTPAuthManager* auth) : _auth(auth ? auth : &HTT
 StreamedSearch::~StreamedSearch() { stopAll(); }
 
 void StreamedSearch::handleStream(HTTPServer* server, TcpPolledFd* fd, const FdConnectionData& conn) {
-  reapFinished();
-  auto w = std::make_unique<Worker>(*_auth, server, fd, conn);
-  Worker* raw = w.get();
-  {
-    ScopedLock l(_mutex);
-    _workers.push_back(std::move(w));
-  }
-  raw->go();
-}
-
-void StreamedSearch::reapFinished() {
-  std::list<std::unique_ptr<Worker>> done;
-  {
-    ScopedLock l(_mutex);
-    for (auto it = _workers.begin(); it != _workers.end();) {
-      if ((*it)->finished()) {
-        done.push_back(std::move(*it));
-        it = _workers.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (auto& w : done) w->join();
+  _workers.add(std::make_unique<Worker>(*_auth, server, fd, conn))->go();
 }
 
 void StreamedSearch::stopAll() {
-  std::list<std::unique_ptr<Worker>> all;
-  {
-    ScopedLock l(_mutex);
-    all.swap(_workers);
-  }
-  for (auto& w : all) w->cancel();
-  for (auto& w : all) w->join();
+  _workers.stopAll([](Worker& w) { w.cancel(); });
 }
 
-size_t StreamedSearch::workers() const {
-  ScopedLock l(_mutex);
-  return _workers.size();
-}
+size_t StreamedSearch::workers() const { return _workers.size(); }
 
-size_t StreamedSearch::running() const {
-  ScopedLock l(_mutex);
-  size_t n = 0;
-  for (const auto& w : _workers) n += w->finished() ? 0 : 1;
-  return n;
-}
+size_t StreamedSearch::running() const { return _workers.running(); }

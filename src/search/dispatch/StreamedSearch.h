@@ -29,6 +29,7 @@
 #include <memory>
 
 #include "framework/http/MHTTPStreamHandler.h"
+#include "framework/http/StreamWorkers.h"
 #include "util/Mutex.h"
 #include "util/Str.h"
 
@@ -55,9 +56,6 @@ class StreamedSearch : public MHTTPStreamHandler {
   class Worker;
 
  private:
-  void reapFinished();
-
   HTTPAuthManager* _auth;
-  mutable Mutex _mutex;
-  std::list<std::unique_ptr<Worker>> _workers;
+  StreamWorkers<Worker> _workers;
 };
