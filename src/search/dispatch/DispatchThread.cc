@@ -106,21 +106,20 @@ bool DispatchThread::evaluate() {
   if (_boundStart != 0) _info.earliestTime = Timeval(static_cast<time_t>(_boundStart), 0);
   if (_boundEnd != 0) _info.latestTime = Timeval(static_cast<time_t>(_boundEnd), 0);
   try {
-    SearchProcessor* parsed = SearchParser::parse(_search, false);
+    // Owned here until the run takes it, also when the rewrite below throws
+    // (an index the user may not read is refused there).
+    std::unique_ptr<SearchProcessor> parsed(SearchParser::parse(_search, false));
     // Over peers: every server runs the streaming part and its map half, and
     // the rest reduces here. The map halves are internal commands.
     const PeerList peers = PeerList::fromConfig();
     if (!peers.empty()) {
       const Str spread = PeerSearch::rewrite(_search, peers.servers);
-      if (spread != _search) {
-        std::unique_ptr<SearchProcessor> userParse(parsed);
-        parsed = SearchParser::parse(spread, true);
-      }
+      if (spread != _search) parsed.reset(SearchParser::parse(spread, true));
     }
     StreamingSearch::Options options;
     if (_opts.maxCount > 0) options.maxEvents = static_cast<size_t>(_opts.maxCount);
     options.onChunk = [this](SearchResults& chunk) { return onChunk(chunk); };
-    _run = std::make_unique<StreamingSearch>(parsed, _info, std::move(options));
+    _run = std::make_unique<StreamingSearch>(parsed.release(), _info, std::move(options));
     if (_opts.eventTyping) {
       _typer.reset(SearchParser::parse("typer", false));
       _typerInfo.cancelId = _sid;
