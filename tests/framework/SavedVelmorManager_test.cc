@@ -291,7 +291,8 @@ TEST_F(SavedVelmorManagerTest, AFailedWriteChangesNothing) {
   EXPECT_FALSE(store().save(s, BundleType::global, "admin", err));
   EXPECT_EQ(err, "Unable to save search: 'lost'.  It was not saved.");
   EXPECT_FALSE(store().gotVelmorByKey("lost", "savedsearch", ""));
-  xml::tree_parser p("<savedVelmor><name>lost</name><isEventType>false</isEventType></savedVelmor>", 78, false);
+  const std::string doc = "<savedVelmor><name>lost</name><isEventType>false</isEventType></savedVelmor>";
+  xml::tree_parser p(doc.data(), doc.size(), false);
   ASSERT_FALSE(p.failed()) << p.get_error_message();
   EXPECT_EQ(store().saveVelmor(p.get_document().get_root_node(), "admin"), "<error>Unable to save velmor</error>");
 

@@ -54,6 +54,25 @@ const std::string kErrorsRaw =
     "2026-11-20T10:00:02Z level=ERROR user=bob msg=disk_again\n"
     "2026-11-20T10:00:00Z level=ERROR user=ann msg=disk_full\n";
 
+// Waits (at most 60 s: start-up is slow under the sanitizers) until the
+// process catches SIGINT, so that a signal tests its handler, not how fast
+// it starts. False when it never does or is gone.
+bool catchesSigint(pid_t pid) {
+  auto deadline = Clock::now() + std::chrono::seconds(60);
+  while (Clock::now() < deadline) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    if (!status) return false;
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.compare(0, 7, "SigCgt:") != 0) continue;
+      unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
+      if (mask & (1ull << (SIGINT - 1))) return true;
+    }
+    sleepMs(20);
+  }
+  return false;
+}
+
 void fill(const Home& home) {
   home.add("web1.log", "web1", kWeb1);
   home.add("web2.log", "web2", kWeb2);
@@ -214,6 +233,7 @@ TEST(VelmorCli, TailsInProcess) {
 
   // Without --earliest nothing old shows; SIGINT ends the tail with 0.
   ChildProcess quiet(kVelmor, {"tail", "error", "--window", "-3650d", "--interval", "0.1"}, home.path(), env, "quiet");
+  ASSERT_TRUE(catchesSigint(quiet.pid())) << quiet.err();
   sleepMs(300);
   quiet.signal(SIGINT);
   EXPECT_EQ(quiet.wait(60), 0) << quiet.err();
