@@ -67,6 +67,7 @@ SplitCompression::~SplitCompression() {
   if (_writeContext) _writeContext->close();
   _writeContext.reset();
   waitForCompressionLocked();
+  if (_deflater) libdeflate_free_compressor(_deflater);
 }
 
 Pathname SplitCompression::fileFor(int64_t base, bool gz) const {
@@ -165,6 +166,9 @@ void SplitCompression::openLocked() {
   Pathname file = fileFor(base, false);
   _writeContext = std::make_unique<WriteContext>(file, base, _addressShift);
   _writeContext->setBuffer(_writeBuffer);
+  // The image holds the roll size and the record that passes it.
+  if (_compress) _writeContext->keepImage(std::move(_spareImage), kMaxImage, _rollSize + (1u << 20));
+  _spareImage = ByteBuffer();
   _foundFiles[base] = file.toLeaf();
   _nextBase = -1;
 }
@@ -215,12 +219,21 @@ void SplitCompression::closeCurrentLocked(bool wait) {
   const Pathname file = _writeContext->fileName();
   const int64_t base = _writeContext->base();
   const int64_t end = _writeContext->endOffset();
+  ByteBuffer image;
+  if (!_writeContext->takeImage(image)) {
+    // Not the whole file: it is read back. The storage serves the next one.
+    if (image.capacity() > _spareImage.capacity()) std::swap(_spareImage, image);
+    image = ByteBuffer();
+  }
   _writeContext.reset();
   // The next file begins where this one ends, not in the file that is
   // about to be compressed.
   if (end > base) _nextBase = end;
   waitForCompressionLocked();
-  if (!_compress || end == base) return;
+  if (!_compress || end == base) {
+    if (image.capacity() > _spareImage.capacity()) std::swap(_spareImage, image);
+    return;
+  }
   const Pathname gz(file + ".gz");
   if (gz.exists()) {
     gLogger.error("dest gzip exists: file=%s", gz.c_str());
@@ -228,7 +241,7 @@ void SplitCompression::closeCurrentLocked(bool wait) {
     return;
   }
   const char* mode = wait ? "sync" : "async";
-  if (!startGzip(file)) {
+  if (!startGzip(file, std::move(image))) {
     gLogger.error("gzip failure: file=%s, mode=%s", file.c_str(), mode);
     return;
   }
@@ -237,11 +250,27 @@ void SplitCompression::closeCurrentLocked(bool wait) {
   if (wait) waitForCompressionLocked();
 }
 
-bool SplitCompression::startGzip(const Pathname& file) {
+bool SplitCompression::startGzip(const Pathname& file, ByteBuffer image) {
   _compressorOk = false;
+  _compressing = std::move(image);
   try {
-    _compressor = std::thread([this, file] { _compressorOk = gzipFile(file); });
+    _compressor = std::thread([this, file] {
+      if (_compressing.size == 0) {
+        _compressorOk = gzipFile(file);
+        return;
+      }
+      if (!_deflater) _deflater = libdeflate_alloc_compressor(kGzipLevel);
+      struct stat st;
+      if (!_deflater || ::stat(file.c_str(), &st) != 0 || uint64_t(st.st_size) != _compressing.size) {
+        // No compressor, or the file is not what was kept: read it back.
+        _compressorOk = gzipFile(file);
+        return;
+      }
+      _compressorOk = gzipBytes(file, st.st_mode & 0777, reinterpret_cast<const unsigned char*>(_compressing.data()),
+                                _compressing.size, _deflater, _deflated);
+    });
   } catch (const std::system_error&) {
+    _compressing = ByteBuffer();
     return false;
   }
   return true;
@@ -287,8 +316,38 @@ bool writeWhole(int fd, const unsigned char* buf, size_t size) {
 //   10      ...   deflate stream of the whole file
 //   end-8   4     CRC-32 of the file, little-endian
 //   end-4   4     file size mod 2^32, little-endian
-bool SplitCompression::gzipFile(const Pathname& file, int level) {
+bool SplitCompression::gzipBytes(const Pathname& file, unsigned mode, const unsigned char* data, size_t size,
+                                 libdeflate_compressor* c, std::vector<unsigned char>& out) {
   const Pathname gz(file + ".gz");
+  const size_t bound = libdeflate_gzip_compress_bound(c, size);
+  if (out.size() < bound) out.resize(bound);
+  const size_t n = libdeflate_gzip_compress(c, data, size, out.data(), out.size());
+  if (n == 0) {
+    errno = ENOSPC;  // cannot happen within the bound
+    return false;
+  }
+  int fd = ::open(gz.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd < 0) return false;
+  bool ok = writeWhole(fd, out.data(), n);
+  int e = errno;
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    e = errno;
+  }
+  if (!ok) {
+    ::unlink(gz.c_str());
+    errno = e;
+    return false;
+  }
+  if (::unlink(file.c_str()) != 0) {
+    // Both names stay: readers take the plain one, and the writer removes
+    // the ".gz" as a partial output when it next opens the journal.
+    return false;
+  }
+  return true;
+}
+
+bool SplitCompression::gzipFile(const Pathname& file, int level) {
   int in = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return false;
   struct stat st;
@@ -301,41 +360,18 @@ bool SplitCompression::gzipFile(const Pathname& file, int level) {
   const size_t size = size_t(st.st_size);
   libdeflate_compressor* c = libdeflate_alloc_compressor(level);
   unsigned char* raw = static_cast<unsigned char*>(std::malloc(size ? size : 1));
-  size_t bound = c ? libdeflate_gzip_compress_bound(c, size) : 0;
-  unsigned char* out = c ? static_cast<unsigned char*>(std::malloc(bound)) : nullptr;
   bool ok = false;
   int e = ENOMEM;
-  if (c && raw && out) {
+  if (c && raw) {
     if (readWhole(in, raw, size)) {
-      const size_t n = libdeflate_gzip_compress(c, raw, size, out, bound);
-      int fd = n ? ::open(gz.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777) : -1;
-      if (n == 0) {
-        e = ENOSPC;  // cannot happen within the bound
-      } else if (fd < 0) {
-        e = errno;
-      } else {
-        ok = writeWhole(fd, out, n);
-        if (!ok) e = errno;
-        if (::close(fd) != 0 && ok) {
-          ok = false;
-          e = errno;
-        }
-        if (!ok) ::unlink(gz.c_str());
-      }
-    } else {
-      e = errno;
+      std::vector<unsigned char> out;
+      ok = gzipBytes(file, st.st_mode & 0777, raw, size, c, out);
     }
+    e = errno;
   }
   ::close(in);
   std::free(raw);
-  std::free(out);
   if (c) libdeflate_free_compressor(c);
-  if (ok && ::unlink(file.c_str()) != 0) {
-    // Both names stay: readers take the plain one, and the writer removes
-    // the ".gz" as a partial output when it next opens the journal.
-    e = errno;
-    ok = false;
-  }
   if (!ok) errno = e;
   return ok;
 }
@@ -348,6 +384,8 @@ void SplitCompression::waitForCompression() {
 void SplitCompression::waitForCompressionLocked() {
   if (_compressingBase < 0) return;
   if (_compressor.joinable()) _compressor.join();
+  if (_compressing.capacity() > _spareImage.capacity()) std::swap(_spareImage, _compressing);
+  _compressing = ByteBuffer();
   const bool ok = _compressorOk;
   const Pathname gz = fileFor(_compressingBase, true);
   if (ok && gz.exists()) {

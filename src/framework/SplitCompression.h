@@ -20,12 +20,17 @@
 // with their own ReadContext and descriptor, so any number of reads run at
 // once beside the writer. At most one gzip runs at a time: a roll waits for the previous one
 // before starting the next. The gzip runs in this process, on a thread of
-// its own (_compressor), and writes the gzip format: it reads the closed
-// file whole, deflates it in one call (libdeflate, level kGzipLevel: smaller
-// than "gzip -6" gives and about three times faster), writes "N.gz" and
-// removes "N", as "gzip -f" does, under readers, whose open descriptors keep
-// working; a context opened later finds either name. No child process is
-// made, so a large process never forks for it.
+// its own (_compressor), and writes the gzip format: it deflates the closed
+// file whole in one call (libdeflate, level kGzipLevel: smaller than "gzip
+// -6" gives and about three times faster), writes "N.gz" and removes "N",
+// as "gzip -f" does, under readers, whose open descriptors keep working; a
+// context opened later finds either name. No child process is made, so a
+// large process never forks for it. The writer keeps the image of the file
+// it writes (WriteContext::keepImage), so the gzip takes the bytes from
+// memory rather than reading back the file; the two image buffers, the
+// compressor and its output buffer are reused from file to file, so that
+// steady writing allocates (and faults in) nothing. A file the writer did
+// not write whole (one carried on after a restart) is read back.
 //
 // Ownership: owns its WriteContext and the compressing thread; the
 // destructor waits for that thread. Callers own their ReadContexts.
@@ -42,9 +47,12 @@
 
 #include "framework/ReadContext.h"
 #include "framework/WriteContext.h"
+#include "util/ByteBuffer.h"
 #include "util/Mutex.h"
 #include "util/Pathname.h"
 #include "util/Str.h"
+
+struct libdeflate_compressor;
 
 class SplitCompression {
  public:
@@ -100,6 +108,15 @@ class SplitCompression {
   // file, as "gzip -f" does. False, with errno set and no "<file>.gz" left,
   // when it cannot read, deflate or write. Any thread.
   static bool gzipFile(const Pathname& file, int level = kGzipLevel);
+  // Deflates size bytes of data, the content of file, into "<file>.gz" (mode
+  // bits `mode`) with c, through out (grown as needed), and removes file.
+  // False with errno set, and no "<file>.gz" left unless file could not be
+  // removed.
+  static bool gzipBytes(const Pathname& file, unsigned mode, const unsigned char* data, size_t size,
+                        libdeflate_compressor* c, std::vector<unsigned char>& out);
+  // Largest file image the writer keeps in memory; a file that grows past
+  // it (one huge event) is read back instead.
+  static constexpr size_t kMaxImage = 64u << 20;
 
   const Pathname& path() const { return _path; }
   int addressShift() const { return _addressShift; }
@@ -112,8 +129,10 @@ class SplitCompression {
   void openLocked();
   // Closes the current file and compresses it; wait picks sync mode.
   void closeCurrentLocked(bool wait);
-  // Starts the background gzip of file. False if it could not start.
-  bool startGzip(const Pathname& file);
+  // Starts the background gzip of file, from image when it is not empty
+  // (it holds the file's bytes), else from the file. False if it could not
+  // start.
+  bool startGzip(const Pathname& file, ByteBuffer image);
   void waitForCompressionLocked();
   Pathname fileFor(int64_t base, bool gz) const;
 
@@ -129,6 +148,11 @@ class SplitCompression {
   Mutex _mutex;
   std::thread _compressor;      // the running gzip, joined by waitForCompressionLocked
   bool _compressorOk = false;   // its result: written by it, read after the join
+  // Owned by the running gzip while there is one, else by this object:
+  ByteBuffer _compressing;  // the image being compressed
+  ByteBuffer _spareImage;   // storage for the next file's image
+  std::vector<unsigned char> _deflated;
+  struct libdeflate_compressor* _deflater = nullptr;
   int64_t _compressingBase = -1;
   int64_t _nextBase = -1;  // base of the file to open after a close
 };

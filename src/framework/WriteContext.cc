@@ -6,6 +6,7 @@
 
 #include <cassert>
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 
 #include "util/Exceptions.h"
@@ -73,8 +74,12 @@ bool WriteContext::padToBoundary() {
   const int64_t unit = int64_t(1) << _addressShift;
   const size_t pad = size_t((unit - (_bytesWritten % unit)) % unit);
   if (pad == 0) return true;
-  if (_used + pad <= _cap) {
-    std::memset(_buf.get() + _used, 0, pad);
+  if (_keeping && !reserve(pad)) {
+    if (!flush()) return false;
+    dropImage();
+  }
+  if (_keeping || _used + pad <= _cap) {
+    std::memset(_buf.data() + _used, 0, pad);
     _used += pad;
     _bytesWritten += int64_t(pad);
     return true;
@@ -86,28 +91,84 @@ bool WriteContext::padToBoundary() {
 
 bool WriteContext::setBuffer(size_t bytes) {
   if (!flush()) return false;
-  _buf.reset(bytes ? new char[bytes] : nullptr);
   _cap = bytes;
+  if (_keeping) {
+    _buf.reserve(bytes);
+  } else {
+    _buf = ByteBuffer();
+    _buf.reserve(bytes);
+  }
   return true;
 }
 
+bool WriteContext::keepImage(ByteBuffer storage, size_t maxBytes, size_t expectBytes) {
+  if (!_fd.isValid() || _bytesWritten != 0 || _used != 0) return false;
+  _buf = std::move(storage);
+  _buf.size = 0;
+  _buf.reserve(std::max(_cap, std::min(expectBytes, maxBytes)));
+  _keeping = true;
+  _maxImage = maxBytes;
+  _used = _flushed = 0;
+  return true;
+}
+
+bool WriteContext::takeImage(ByteBuffer& out) {
+  const bool whole = _keeping && !_fd.isValid() && _flushed == _used && int64_t(_used) == _bytesWritten;
+  _buf.size = whole ? _used : 0;
+  out = std::move(_buf);
+  _keeping = false;
+  _used = _flushed = 0;
+  return whole;
+}
+
+bool WriteContext::reserve(size_t more) {
+  const size_t need = _used + more;
+  if (need <= _buf.capacity()) return true;
+  if (!_keeping || need > _maxImage) return false;
+  size_t n = std::min(_maxImage, std::max<size_t>(_buf.capacity() * 2, size_t(1) << 16));
+  _buf.size = _used;
+  _buf.reserve(std::max(n, need));
+  return true;
+}
+
+void WriteContext::dropImage() {
+  if (!_keeping) return;
+  _keeping = false;
+  const size_t pending = _used - _flushed;
+  std::memmove(_buf.data(), _buf.data() + _flushed, pending);
+  _used = pending;
+  _flushed = 0;
+  ByteBuffer normal;
+  normal.reserve(std::max(_cap, pending));
+  std::memcpy(normal.data(), _buf.data(), pending);
+  _buf = std::move(normal);
+}
+
 bool WriteContext::flush() {
-  size_t done = 0;
+  size_t done = _flushed;
   while (done < _used) {
-    ssize_t n = _fd.isValid() ? ::write(_fd.get(), _buf.get() + done, _used - done) : (errno = EBADF, -1);
+    ssize_t n = _fd.isValid() ? ::write(_fd.get(), _buf.data() + done, _used - done) : (errno = EBADF, -1);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       if (n == 0) errno = EIO;
       gLogger.error("write failure: file=%s errno=%m", _fileName.c_str());
       int saved = errno;
-      std::memmove(_buf.get(), _buf.get() + done, _used - done);
-      _used -= done;
+      _flushed = done;
+      if (!_keeping) {
+        std::memmove(_buf.data(), _buf.data() + done, _used - done);
+        _used -= done;
+        _flushed = 0;
+      }
       errno = saved;
       return false;
     }
     done += size_t(n);
   }
-  _used = 0;
+  if (_keeping) {
+    _flushed = _used;
+  } else {
+    _used = _flushed = 0;
+  }
   return true;
 }
 
@@ -160,17 +221,34 @@ int64_t WriteContext::write(int32_t time, std::string_view raw, std::string_view
   };
   const int64_t start = _base + _bytesWritten;
   const size_t total = body + pad;
-  if (_cap > 0 && total <= _cap) {
+  if (_keeping && !reserve(total)) {
+    // Too large for the image: from here on the file is read back to be
+    // compressed.
+    if (!flush()) return -1;
+    dropImage();
+  }
+  if (_keeping || (_cap > 0 && total <= _cap)) {
     // Gathered in the buffer; a full buffer goes out first. A buffer that
     // will not flush refuses the record rather than grow.
-    if (_used + total > _cap && !flush()) return -1;
-    char* out = _buf.get() + _used;
+    if (!_keeping && _used + total > _cap && !flush()) return -1;
+    char* out = _buf.data() + _used;
     for (const struct iovec& part : iov) {
       std::memcpy(out, part.iov_base, part.iov_len);
       out += part.iov_len;
     }
     _used += total;
     _bytesWritten += int64_t(total);
+    if (_keeping && _used - _flushed >= _cap && !flush() && _cap == 0) {
+      // Unbuffered, the record must be in the file when this returns: it
+      // is refused, and the next write pads past whatever part landed.
+      int saved = errno;
+      struct stat st;
+      _bytesWritten = ::fstat(_fd.get(), &st) == 0 ? st.st_size : _bytesWritten - int64_t(total);
+      _used = _flushed;
+      dropImage();
+      errno = saved;
+      return -1;
+    }
     return start;
   }
   if (!flush()) return -1;
@@ -182,6 +260,7 @@ bool WriteContext::close() {
   if (!_fd.isValid()) return true;
   bool ok = padToBoundary() && flush();
   ok = _fd.close() && ok;
-  _used = 0;
+  if (!ok) _keeping = false;
+  if (!_keeping) _used = _flushed = 0;
   return ok;
 }

@@ -11,6 +11,13 @@
 // that fails keeps what it could not write, in order, for the next one, so
 // no address is ever given twice.
 //
+// With an image kept (keepImage), the buffer is not emptied by a flush: it
+// holds every byte of the file, in order, so that whoever compresses the
+// file when it is closed takes the bytes from memory (takeImage) instead of
+// reading back what was just written. A file too large for the image, or a
+// write that failed, ends the keeping; the file itself is the same either
+// way.
+//
 // Ownership: owned by its SplitCompression; it owns its descriptor and its
 // buffer.
 // Threads: one thread at a time; SplitCompression serialises the writer and
@@ -22,6 +29,7 @@
 #include <memory>
 #include <string_view>
 
+#include "util/ByteBuffer.h"
 #include "util/Pathname.h"
 #include "util/ScopedFileDescriptor.h"
 
@@ -49,7 +57,15 @@ class WriteContext {
   // failure ("write failure: file=%s errno=%m") the rest stays buffered.
   bool flush();
   // Bytes written but still in the buffer.
-  size_t buffered() const { return _used; }
+  size_t buffered() const { return _used - _flushed; }
+  // Keeps the whole file in memory from here on, in `storage` (its block is
+  // reused, made ready for expectBytes) and up to maxBytes. False, keeping
+  // nothing, unless the file is still empty.
+  bool keepImage(ByteBuffer storage, size_t maxBytes, size_t expectBytes = 0);
+  // After close(): the file's bytes in `out` (out.size of them) when the
+  // image was kept whole (true); else false, with out.size 0. Either way
+  // the block goes to `out` for reuse.
+  bool takeImage(ByteBuffer& out);
   // Flushes, pads and closes the descriptor; later writes fail. A buffer
   // that cannot be flushed is dropped with the descriptor (logged).
   bool close();
@@ -64,13 +80,21 @@ class WriteContext {
 
  private:
   bool writeAll(struct iovec* iov, int count, size_t total);
+  // Makes room for `more` bytes behind _used; false when the buffer may not
+  // grow that far (an image then stops being kept, and the caller flushes).
+  bool reserve(size_t more);
+  // Stops keeping the image: what is flushed leaves the buffer.
+  void dropImage();
 
   Pathname _fileName;
   int64_t _base;
   int _addressShift;
   ScopedFileDescriptor _fd;
   int64_t _bytesWritten = 0;  // logical: on disk plus buffered
-  std::unique_ptr<char[]> _buf;
-  size_t _cap = 0;
+  ByteBuffer _buf;  // [_flushed, _used) waits for the file; size unused
+  size_t _cap = 0;         // bytes gathered before a write goes out
+  size_t _flushed = 0;     // with an image, bytes of _buf already in the file
   size_t _used = 0;
+  bool _keeping = false;   // _buf holds the file from its first byte
+  size_t _maxImage = 0;
 };

@@ -423,6 +423,73 @@ TEST(SplitCompression, FailedFlushKeepsTheBuffer) {
   EXPECT_FALSE(wc.close());
 }
 
+// A writer keeping the image of its file hands over exactly the file's
+// bytes, however they went out (gathered, unbuffered, larger than the
+// buffer); an image that would grow past its limit is given up, and the
+// file is the same as without one. Only an empty file starts an image.
+TEST(SplitCompression, KeptImageIsTheFileByteForByte) {
+  struct Case {
+    const char* name;
+    size_t buffer, maxImage;
+    std::vector<size_t> rawSizes;
+    bool whole;
+  } cases[] = {
+      {"gathered", 256, 1 << 20, {10, 40, 7, 100, 3}, true},
+      {"unbuffered", 0, 1 << 20, {10, 40, 7}, true},
+      {"record larger than the buffer", 64, 1 << 20, {5, 1000, 5}, true},
+      {"past the limit", 256, 512, {100, 100, 100, 100, 100}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir dir;
+    const std::string kept = dir.path + "/kept", plain = dir.path + "/plain";
+    WriteContext wc(Pathname(Str(kept)), 0, 5), ref(Pathname(Str(plain)), 0, 5);
+    ASSERT_TRUE(wc.setBuffer(c.buffer));
+    ByteBuffer storage;
+    storage.reserve(100);
+    ASSERT_TRUE(wc.keepImage(std::move(storage), c.maxImage));
+    for (size_t i = 0; i < c.rawSizes.size(); ++i) {
+      std::string raw(c.rawSizes[i], char('a' + i));
+      EXPECT_EQ(wc.write(int32_t(i), raw, "host::h"), ref.write(int32_t(i), raw, "host::h"));
+      if (i == 1) {
+        EXPECT_TRUE(wc.flush());
+      }
+    }
+    EXPECT_TRUE(wc.close());
+    EXPECT_TRUE(ref.close());
+    ByteBuffer image;
+    EXPECT_EQ(wc.takeImage(image), c.whole);
+    EXPECT_EQ(fileBytes(kept), fileBytes(plain));
+    if (c.whole) {
+      EXPECT_EQ(std::string(image.data(), image.size), fileBytes(kept));
+    }
+  }
+
+  ScratchDir dir;
+  const std::string file = dir.path + "/f";
+  { WriteContext first(Pathname(Str(file)), 0, 5); first.write(1, "x", ""); }
+  WriteContext again(Pathname(Str(file)), 0, 5);
+  EXPECT_FALSE(again.keepImage({}, 1 << 20)) << "the file already holds a record";
+  ByteBuffer image;
+  EXPECT_FALSE(again.takeImage(image));
+}
+
+// A file that could not be written whole hands over no image.
+TEST(SplitCompression, FailedWritesKeepNoImage) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  for (size_t buffer : {size_t(0), size_t(64)}) {
+    SCOPED_TRACE(buffer);
+    WriteContext wc(Pathname(Str("/dev/full")), 0, 5);
+    ASSERT_TRUE(wc.setBuffer(buffer));
+    ASSERT_TRUE(wc.keepImage({}, 1 << 20));
+    int64_t a = wc.write(1, "0123456789", "");
+    EXPECT_EQ(a, buffer ? 0 : -1) << "unbuffered, a record that cannot be written is refused";
+    EXPECT_EQ(wc.close(), buffer == 0) << "a refused record leaves nothing to write";
+    ByteBuffer image;
+    EXPECT_FALSE(wc.takeImage(image));
+  }
+}
+
 namespace {
 
 // While the writing process gzips a rolled file, "N" and a growing "N.gz"
