@@ -1,6 +1,7 @@
 // Warm slices from the sample logs: write speed of both writers (MB/s of
-// slice file), index bytes per posting, and the latency of a query for a
-// rare term on one slice (with the handle held, and with open and close).
+// slice file), index bytes per posting, the latency of a query for a rare
+// term on one slice (with the handle held, and with open and close), and the
+// merge of two slices whose events interleave in time (postings per second).
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 
 #include "LoghubTokens.h"
 #include "searchthing/warmslice.h"
+#include "searchthing/warmslice_merge.h"
 
 namespace {
 
@@ -122,6 +124,48 @@ void BM_RareTermQueryWithOpen(benchmark::State& state) {
   state.counters["answers"] = found;
 }
 BENCHMARK(BM_RareTermQueryWithOpen)->Unit(benchmark::kMicrosecond);
+
+// Two slices of the sample, lines alternating between them (so that their
+// value numbers interleave in the merge, as those of slices written one after
+// another by several inputs do), merged into a third.
+void BM_MergeTwoSlices(benchmark::State& state) {
+  if (tokens().empty()) {
+    state.SkipWithError("sample logs not found");
+    return;
+  }
+  Scratch s;
+  std::string paths[2];
+  for (int half = 0; half < 2; ++half) {
+    st_hot_slice* hot = st_hot_slice_create(16 << 20, 1 << 19, 1 << 21, 1 << 16);
+    for (const Tok& t : tokens())
+      if ((int)(t.line & 1) == half) st_hot_slice_put(hot, t.term.c_str(), (int32_t)(t.line / 10), t.line, 1, 2, 3, 4);
+    char name[4096];
+    free(st_warm_slice_create_by_fd(hot, name, sizeof name, s.dir.c_str(), ".tsidx"));
+    paths[half] = name;
+    st_hot_slice_close(hot);
+  }
+  st_warm_slice* a = st_warm_slice_open(paths[0].c_str(), 0);
+  st_warm_slice* b = st_warm_slice_open(paths[1].c_str(), 0);
+  std::string out = s.dir + "/merged.merge";
+  uint64_t postings = 0, size = 0;
+  for (auto _ : state) {
+    st_warm_slice* m = st_warm_slice_merge(out.c_str(), a, b);
+    if (!m) {
+      state.SkipWithError("merge failed");
+      break;
+    }
+    postings += m->lay.num_postings;
+    size = st_warm_slice_size(m);
+    st_warm_slice_close(m);
+  }
+  state.SetItemsProcessed((int64_t)postings);
+  state.counters["mapped_bytes"] = (double)size;
+  st_warm_slice_close(a);
+  st_warm_slice_close(b);
+  unlink(out.c_str());
+  for (const std::string& p : paths) unlink(p.c_str());
+}
+BENCHMARK(BM_MergeTwoSlices)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

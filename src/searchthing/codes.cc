@@ -111,25 +111,12 @@ int st_skip_vbe_word2(const unsigned char* src) {
 // lands on the lowest bit of slot i+1.
 void encode_to_byte_str(unsigned char* arr, uint32_t value, uint32_t i, uint32_t nbits) {
   assert(nbits != 0 && "nbits != 0");
-  uint64_t p = (uint64_t)i * nbits;
-  uint64_t v = value;
-  for (uint32_t b = 0; b <= nbits; ++b, ++p) {
-    unsigned char mask = (unsigned char)(1u << (p & 7));
-    if ((v >> b) & 1)
-      arr[p >> 3] |= mask;
-    else
-      arr[p >> 3] &= (unsigned char)~mask;
-  }
+  st_bits_put(arr, i, nbits, value);
 }
 
 uint32_t decode_from_byte_str(const unsigned char* arr, uint32_t i, uint32_t nbits) {
   assert(nbits != 0 && "nbits != 0");
-  uint64_t p = (uint64_t)i * nbits;
-  uint64_t v = 0;
-  for (uint32_t b = 0; b <= nbits; ++b, ++p) {
-    if (arr[p >> 3] & (1u << (p & 7))) v |= (uint64_t)1 << b;
-  }
-  return (uint32_t)(v & ((nbits >= 32) ? 0xFFFFFFFFull : (((uint64_t)1 << nbits) - 1)));
+  return st_bits_get(arr, i, nbits);
 }
 
 uint32_t log2n(uint64_t v) {

@@ -50,6 +50,25 @@ int st_decode_from_vbe_ll(uint64_t* result, const unsigned char* src);
 // Bounded decode for untrusted bytes: reads at most `avail` bytes. Returns
 // the bytes read, or 0 if the word is cut off or malformed.
 int st_decode_from_vbe_safe(uint32_t* result, const unsigned char* src, size_t avail);
+// st_encode_to_vbe, inline.
+static inline int st_encode_to_vbe_quick(unsigned char* dst, uint32_t value) {
+  int n = 0;
+  while (value >= 0x80) {
+    dst[n++] = (unsigned char)((value & 0x7F) | 0x80);
+    value >>= 7;
+  }
+  dst[n++] = (unsigned char)value;
+  return n;
+}
+// st_decode_from_vbe_safe with the one-byte word, by far the most common,
+// decoded inline.
+static inline int st_decode_from_vbe_quick(uint32_t* result, const unsigned char* src, size_t avail) {
+  if (avail > 0 && src[0] < 0x80) {
+    *result = src[0];
+    return 1;
+  }
+  return st_decode_from_vbe_safe(result, src, avail);
+}
 // Length of the word at src, 1 to 9 (the 64-bit form's rule).
 int st_skip_vbe_word(const unsigned char* src);
 int st_skip_vbe_word2(const unsigned char* src);
@@ -61,6 +80,28 @@ int st_skip_vbe_word2(const unsigned char* src);
 // REQUIRES: nbits != 0 (asserted), nbits <= 32.
 void encode_to_byte_str(unsigned char* arr, uint32_t value, uint32_t i, uint32_t nbits);
 uint32_t decode_from_byte_str(const unsigned char* arr, uint32_t i, uint32_t nbits);
+
+// The same two without the nbits assertion, inline for loops over many
+// values. Both work on the (at most five) bytes that hold slot i's nbits + 1
+// bits, whole bytes at a time. REQUIRES: 1 <= nbits <= 32.
+static inline uint64_t st_bits_load(const unsigned char* b, unsigned n) {
+  uint64_t w = 0;
+  for (unsigned k = 0; k < n; ++k) w |= (uint64_t)b[k] << (8 * k);
+  return w;
+}
+static inline void st_bits_put(unsigned char* arr, uint32_t i, uint32_t nbits, uint32_t value) {
+  uint64_t p = (uint64_t)i * nbits;
+  unsigned char* b = arr + (p >> 3);
+  unsigned shift = (unsigned)(p & 7), n = (shift + nbits + 1 + 7) >> 3;
+  uint64_t mask = (((uint64_t)1 << (nbits + 1)) - 1) << shift;
+  uint64_t w = (st_bits_load(b, n) & ~mask) | (((uint64_t)value << shift) & mask);
+  for (unsigned k = 0; k < n; ++k) b[k] = (unsigned char)(w >> (8 * k));
+}
+static inline uint32_t st_bits_get(const unsigned char* arr, uint32_t i, uint32_t nbits) {
+  uint64_t p = (uint64_t)i * nbits;
+  unsigned shift = (unsigned)(p & 7), n = (shift + nbits + 1 + 7) >> 3;
+  return (uint32_t)((st_bits_load(arr + (p >> 3), n) >> shift) & (((uint64_t)1 << nbits) - 1));
+}
 
 // Bits needed to hold the low 32 bits of v: floor(log2)+1, and 1 for 0.
 uint32_t log2n(uint64_t v);

@@ -93,24 +93,30 @@ static int iter_next(block_iter* it) {
   uint32_t shared = 0, suffix = 0;
   int n;
   if (it->j == 0) {
-    n = st_decode_from_vbe_safe(&suffix, s, avail);
+    n = st_decode_from_vbe_quick(&suffix, s, avail);
     if (!n) return -1;
   } else {
-    n = st_decode_from_vbe_safe(&shared, s, avail);
+    n = st_decode_from_vbe_quick(&shared, s, avail);
     if (!n || shared > it->tlen) return -1;
     if (it->j == it->tpb - 1) {
       suffix = avail - (uint32_t)n;
     } else {
-      int m = st_decode_from_vbe_safe(&suffix, s + n, avail - (uint32_t)n);
+      int m = st_decode_from_vbe_quick(&suffix, s + n, avail - (uint32_t)n);
       if (!m) return -1;
       n += m;
     }
   }
   if ((uint64_t)suffix > avail - (uint32_t)n || (uint64_t)shared + suffix > ST_MAX_TERM_LEN) return -1;
-  memcpy(it->term + shared, s + n, suffix);
+  // A NUL inside a term is malformed. Suffixes are short: a byte loop that
+  // checks as it copies beats a copy and a scan.
+  const unsigned char* from = s + n;
+  char* to = it->term + shared;
+  for (uint32_t k = 0; k < suffix; ++k) {
+    if (from[k] == 0) return -1;
+    to[k] = (char)from[k];
+  }
   it->tlen = shared + suffix;
   it->term[it->tlen] = 0;
-  if (memchr(it->term + shared, 0, suffix)) return -1;
   it->pos += (uint32_t)n + suffix;
   it->j++;
   return 1;
@@ -234,26 +240,23 @@ static uint32_t vbe_len(uint32_t v) {
 }
 
 static void update_lex(lex_writer* w, const char* term, uint32_t len) {
-  uint64_t need = len + vbe_len(len);
-  if (w->j != 0) {
-    uint32_t sp = shared_prefix(w->prev, w->prev_len, term, len);
-    need = vbe_len(sp) + (len - sp) + (w->j < w->tpb - 1 ? vbe_len(len - sp) : 0);
-  }
+  uint32_t sp = w->j != 0 ? shared_prefix(w->prev, w->prev_len, term, len) : 0;
+  uint64_t need = w->j == 0 ? len + vbe_len(len)
+                            : vbe_len(sp) + (len - sp) + (w->j < w->tpb - 1 ? vbe_len(len - sp) : 0);
   assert(w->k + need < w->area_cap && "k < body_size");
   (void)need;
   unsigned char* out = w->area;
   if (w->j == 0) {
     if (w->l != 0) st_put_be32(w->offsets + 4 * (size_t)(w->l - 1), (uint32_t)w->k);
     w->l++;
-    w->k += (uint64_t)st_encode_to_vbe(out + w->k, len);
+    w->k += (uint64_t)st_encode_to_vbe_quick(out + w->k, len);
     memcpy(out + w->k, term, len);
     w->k += len;
     w->j = 1;
   } else {
-    uint32_t sp = shared_prefix(w->prev, w->prev_len, term, len);
-    w->k += (uint64_t)st_encode_to_vbe(out + w->k, sp);
+    w->k += (uint64_t)st_encode_to_vbe_quick(out + w->k, sp);
     if (w->j < w->tpb - 1) {
-      w->k += (uint64_t)st_encode_to_vbe(out + w->k, len - sp);
+      w->k += (uint64_t)st_encode_to_vbe_quick(out + w->k, len - sp);
       w->j++;
     } else {
       w->j = 0;
@@ -261,7 +264,8 @@ static void update_lex(lex_writer* w, const char* term, uint32_t len) {
     memcpy(out + w->k, term + sp, len - sp);
     w->k += len - sp;
   }
-  memcpy(w->prev, term, len);
+  // Only the part after the shared prefix differs from the previous term.
+  memcpy(w->prev + sp, term + sp, len - sp);
   w->prev[len] = 0;
   w->prev_len = len;
 }
@@ -546,6 +550,7 @@ void st_fclex_relocate(st_fclex_handle* h, unsigned char* new_body) {
 typedef struct term_stream {
   st_fclex_handle* h;
   uint32_t b, id;
+  uint32_t block_end;  // id at which the next block begins
   block_iter it;
   int ok;  // 1 while it->term holds the current term
 } term_stream;
@@ -555,8 +560,9 @@ static void stream_next(term_stream* s) {
     s->ok = 0;
     return;
   }
-  if (s->id % s->h->terms_per_block == 0) {
+  if (s->id == s->block_end) {  // id % terms_per_block == 0, without dividing
     s->b = s->id / s->h->terms_per_block;
+    s->block_end = s->id + s->h->terms_per_block;
     const unsigned char* p;
     uint32_t len;
     if (load_block(s->h, s->b, &p, &len) != 0) {
@@ -588,9 +594,9 @@ st_fclex_handle* st_fclex_merge(unsigned char* body, size_t body_size, uint32_t 
   }
   writer_begin(w, body, body_size, prov_blocks, terms_per_block);
   s1->h = a;
-  s1->id = 0;
+  s1->id = s1->block_end = 0;
   s2->h = b;
-  s2->id = 0;
+  s2->id = s2->block_end = 0;
   stream_next(s1);
   stream_next(s2);
   uint32_t out = 0;

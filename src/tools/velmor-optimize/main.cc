@@ -4,6 +4,7 @@
 // and waits for its exit.
 #include <dirent.h>
 #include <errno.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -40,6 +41,12 @@ bool hasSlices(const char* dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Each merge allocates and frees work arrays of a few megabytes (value
+  // maps, decoded lists, the fixed part of the output). Kept in the heap
+  // rather than mapped and unmapped every time, the next merge reuses the
+  // pages instead of faulting them in afresh.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
   int force = 0, verbose = 0, opt;
   while ((opt = getopt(argc, argv, "fvh")) != -1) {
     switch (opt) {
