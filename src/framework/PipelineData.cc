@@ -281,7 +281,22 @@ bool PipelineData::ressurrect(const char* data, size_t n) {
   return p == end;
 }
 
-void PipelineData::setTimeKey(unsigned long seconds) { put(timeKey, Str::fromFormat("%lu", seconds)); }
+void PipelineData::setTimeKey(unsigned long seconds) {
+  Str text;
+  appendTimeText(seconds, text);
+  put(timeKey, std::move(text));
+}
+
+void PipelineData::appendTimeText(unsigned long seconds, Str& out) {
+  char buf[24];
+  char* e = buf + sizeof buf;
+  char* b = e;
+  do {
+    *--b = char('0' + seconds % 10);
+    seconds /= 10;
+  } while (seconds);
+  out.append(b, size_t(e - b));
+}
 
 void PipelineData::defaultConf(Str& out) const {
   out.clear();
@@ -334,32 +349,66 @@ void PipelineData::load(const PropertiesMap& stanza, const Str& stanzaName) {
 
 void PipelineData::addMetaNoTimestamp() { append(metaKey, "timestamp::none"); }
 
+namespace {
+
+// Appends v in decimal, with a '-' when negative ("%ld").
+void appendDecimal(Str& out, long v) {
+  char buf[24];
+  char* e = buf + sizeof buf;
+  char* b = e;
+  unsigned long u = v < 0 ? 0UL - (unsigned long)v : (unsigned long)v;
+  do {
+    *--b = char('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (v < 0) *--b = '-';
+  out.append(b, size_t(e - b));
+}
+
+void appendTerm(Str& out, std::string_view name, long v) {
+  out.append(name.data(), name.size());
+  appendDecimal(out, v);
+}
+
+}  // namespace
+
 void PipelineData::addMetaTimeInfo(const Timeval*, const ExtraTimevalParseInfo* info) {
+  Str text;
+  appendMetaTimeInfo(info, text);
+  append(metaKey, text);
+}
+
+void PipelineData::appendMetaTimeInfo(const ExtraTimevalParseInfo* info, Str& out) {
   static const char* const kMonths[] = {"january", "february", "march",     "april",   "may",      "june",
                                         "july",    "august",   "september", "october", "november", "december"};
   static const char* const kDays[] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
   if (!info || info->precision < -2) {
-    addMetaNoTimestamp();
+    out += "timestamp::none";
     return;
   }
-  char buf[320];
-  size_t n = 0;
-  auto add = [&](const char* fmt, auto... args) {
-    int w = snprintf(buf + n, sizeof buf - n, fmt, args...);
-    if (w > 0) n = std::min(sizeof buf - 1, n + size_t(w));
-  };
+  // Each term is written with a blank in front; the first blank is dropped.
+  const size_t start = out.size();
   if (info->precision > 0) {
     size_t digits = strnlen(info->subsecond, sizeof info->subsecond);
-    if (digits > 0) add(" _subsecond:.%.*s", int(digits), info->subsecond);
+    if (digits > 0) {
+      out += " _subsecond:.";
+      out.append(info->subsecond, digits);
+    }
   }
-  if (info->precision >= 0) add(" date_second::%d", info->second);
-  if (info->precision >= -1) add(" date_hour::%d date_minute::%d", info->hour, info->minute);
-  const char* month = info->month >= 0 && info->month < 12 ? kMonths[info->month] : "unknown";
-  const char* wday = info->wday >= 0 && info->wday < 7 ? kDays[info->wday] : "unknown";
-  add(" date_year::%d date_month::%s date_mday::%d date_wday::%s", info->year, month, info->mday, wday);
+  if (info->precision >= 0) appendTerm(out, " date_second::", info->second);
+  if (info->precision >= -1) {
+    appendTerm(out, " date_hour::", info->hour);
+    appendTerm(out, " date_minute::", info->minute);
+  }
+  appendTerm(out, " date_year::", info->year);
+  out += " date_month::";
+  out += info->month >= 0 && info->month < 12 ? kMonths[info->month] : "unknown";
+  appendTerm(out, " date_mday::", info->mday);
+  out += " date_wday::";
+  out += info->wday >= 0 && info->wday < 7 ? kDays[info->wday] : "unknown";
   if (info->zoneKnown)
-    add(" date_zone::%ld", long(info->zoneOffset / 60));
+    appendTerm(out, " date_zone::", long(info->zoneOffset / 60));
   else
-    add(" date_zone::local");
-  append(metaKey, Str(std::string(buf + 1, n - 1)));
+    out += " date_zone::local";
+  out.erase(start, 1);
 }

@@ -148,6 +148,8 @@ class PipelineData {
 
   // `_time` as "%lu".
   void setTimeKey(unsigned long seconds);
+  // Appends seconds as "%lu" does, to out; the text of setTimeKey.
+  static void appendTimeText(unsigned long seconds, Str& out);
 
   // source "|" host "|" source type "|" channel, each the prefixed value.
   void defaultConf(Str& out) const;
@@ -172,6 +174,10 @@ class PipelineData {
   // With less than a day known, addMetaNoTimestamp() instead. `time` may be
   // null; the fields come from `info`.
   void addMetaTimeInfo(const Timeval* time, const ExtraTimevalParseInfo* info);
+  // Appends to out the text addMetaTimeInfo adds to `_meta` (no blank in
+  // front of it): the date terms, or "timestamp::none". No formatting
+  // through printf, and no allocation once out has grown.
+  static void appendMetaTimeInfo(const ExtraTimevalParseInfo* info, Str& out);
 
  private:
   static SharedStr internKey(std::string_view key);

@@ -51,4 +51,64 @@ TEST(PipelineDataMeta, DateTermsFollowThePrecisionOfTheParse) {
   }
 }
 
+// The text is appended to what the buffer holds, the same as the record
+// gets after a blank; odd fields print as printf would.
+TEST(PipelineDataMeta, AppendedTextMatchesTheRecordsDateTerms) {
+  ExtraTimevalParseInfo odd = info(0, true, -59);  // less than a minute west: zone 0
+  odd.year = -44;
+  odd.month = 12;
+  odd.wday = -1;
+  odd.hour = 0;
+  ExtraTimevalParseInfo noDigits = info(4, false, 0);  // subseconds claimed, none written
+  ExtraTimevalParseInfo wide = info(-1, true, 14 * 3600);
+  wide.mday = 31;
+  struct Case {
+    ExtraTimevalParseInfo extra;
+    const char* text;
+  } cases[] = {
+      {odd,
+       "date_second::56 date_hour::0 date_minute::5 date_year::-44 date_month::unknown date_mday::24 "
+       "date_wday::unknown date_zone::0"},
+      {noDigits,
+       "date_second::56 date_hour::13 date_minute::5 date_year::2026 date_month::november date_mday::24 "
+       "date_wday::tuesday date_zone::local"},
+      {wide,
+       "date_hour::13 date_minute::5 date_year::2026 date_month::november date_mday::31 date_wday::tuesday "
+       "date_zone::840"},
+  };
+  for (const Case& c : cases) {
+    Str out = "kept";
+    PipelineData::appendMetaTimeInfo(&c.extra, out);
+    EXPECT_EQ(out, std::string("kept") + c.text);
+    PipelineData r;
+    r.put(PipelineData::metaKey, "tag::x");
+    r.addMetaTimeInfo(nullptr, &c.extra);
+    EXPECT_EQ(r.getStr(PipelineData::metaKey), std::string("tag::x ") + c.text);
+  }
+  Str none;
+  PipelineData::appendMetaTimeInfo(nullptr, none);
+  EXPECT_EQ(none, "timestamp::none");
+}
+
+TEST(PipelineDataMeta, TimeTextIsUnsignedDecimal) {
+  struct Case {
+    unsigned long seconds;
+    const char* text;
+  } cases[] = {
+      {0, "0"},
+      {7, "7"},
+      {1795525556, "1795525556"},
+      {(unsigned long)-1, "18446744073709551615"},
+      {(unsigned long)(long)-100, "18446744073709551516"},  // a time before 1970, as "%lu" writes it
+  };
+  for (const Case& c : cases) {
+    Str out = "t=";
+    PipelineData::appendTimeText(c.seconds, out);
+    EXPECT_EQ(out, std::string("t=") + c.text);
+    PipelineData r;
+    r.setTimeKey(c.seconds);
+    EXPECT_EQ(r.getStr(PipelineData::timeKey), c.text);
+  }
+}
+
 }  // namespace

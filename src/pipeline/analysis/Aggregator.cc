@@ -158,6 +158,112 @@ std::shared_ptr<PipelineData> Aggregator::processLine(const std::shared_ptr<Pipe
 
   const Str& raw = record->getStr(PipelineData::rawKey);
   const StrSegment line(raw.data(), raw.size());
+  const bool isBreak = breaksBefore(line);
+  if (!isBreak && _event) {
+    if (_lineCount == 1) _joined = _event->getStr(PipelineData::rawKey);
+    _joined += '\n';
+    _joined.append(raw.data(), raw.size());
+    _event->mergeFrom(*record);
+    ++_lineCount;
+    return nullptr;
+  }
+
+  std::shared_ptr<PipelineData> out = takeEvent();
+  _event = record;
+  _lineCount = 1;
+  return out;
+}
+
+namespace {
+
+// Whether two parses give the same date terms from the hour on (seconds
+// and subseconds aside).
+bool sameTerms(const ExtraTimevalParseInfo& a, const ExtraTimevalParseInfo& b) {
+  return a.precision == b.precision && a.minute == b.minute && a.hour == b.hour && a.mday == b.mday &&
+         a.month == b.month && a.year == b.year && a.wday == b.wday && a.zoneKnown == b.zoneKnown &&
+         a.zoneOffset == b.zoneOffset;
+}
+
+// Appends v in decimal, with a '-' when negative ("%d").
+void appendInt(Str& out, int v) {
+  char buf[16];
+  char* e = buf + sizeof buf;
+  char* b = e;
+  unsigned u = v < 0 ? 0u - unsigned(v) : unsigned(v);
+  do {
+    *--b = char('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (v < 0) *--b = '-';
+  out.append(b, size_t(e - b));
+}
+
+}  // namespace
+
+const Str& Aggregator::dateTerms(const ExtraTimevalParseInfo& info) {
+  // The subsecond and second terms come first and change from event to
+  // event; the terms after them change from minute to minute at most. Those
+  // are kept: they are the whole text of the same time known to the minute,
+  // and are made again only when it changes.
+  ExtraTimevalParseInfo rest = info;
+  if (rest.precision >= 0) rest.precision = -1;
+  if (!_haveTerms || !sameTerms(rest, _termsInfo)) {
+    _tail.clear();
+    PipelineData::appendMetaTimeInfo(&rest, _tail);
+    _termsInfo = rest;
+    _haveTerms = true;
+  }
+  if (info.precision < 0) return _tail;
+  _terms.clear();
+  const size_t digits = info.precision > 0 ? strnlen(info.subsecond, sizeof info.subsecond) : 0;
+  if (digits > 0) {
+    _terms += "_subsecond:.";
+    _terms.append(info.subsecond, digits);
+    _terms += ' ';
+  }
+  _terms += "date_second::";
+  appendInt(_terms, info.second);
+  _terms += ' ';
+  _terms += _tail;
+  return _terms;
+}
+
+bool Aggregator::takeText(Str& event) {
+  const bool had = _haveText;
+  _haveText = false;
+  if (had && looksBlank(StrSegment(_text.data(), _text.size()))) {
+    _blankLinesDropped += _lineCount;
+    _lineCount = 0;
+    return false;
+  }
+  _lineCount = 0;
+  if (!had) return false;
+  // The caller's old buffer becomes the next event's.
+  event.swap(_text);
+  return true;
+}
+
+bool Aggregator::processText(const StrSegment* line, Str& event) {
+  if (!_shouldLineMerge) {
+    if (!line) return false;
+    event.assign(line->data(), line->size());
+    return true;
+  }
+  if (!line) return takeText(event);
+  if (!breaksBefore(*line) && _haveText) {
+    _text += '\n';
+    _text.append(line->data(), line->size());
+    ++_lineCount;
+    return false;
+  }
+  const bool out = takeText(event);
+  _text.assign(line->data(), line->size());
+  _haveText = true;
+  _lineCount = 1;
+  return out;
+}
+
+bool Aggregator::breaksBefore(const StrSegment& line) {
   bool isBreak = true;
   if (_afterState != 0) {
     isBreak = _afterState == 1;
@@ -193,20 +299,7 @@ std::shared_ptr<PipelineData> Aggregator::processLine(const std::shared_ptr<Pipe
     _afterState = 0;
 
   if (isBreak) _seenBreak = true;
-
-  if (!isBreak && _event) {
-    if (_lineCount == 1) _joined = _event->getStr(PipelineData::rawKey);
-    _joined += '\n';
-    _joined.append(raw.data(), raw.size());
-    _event->mergeFrom(*record);
-    ++_lineCount;
-    return nullptr;
-  }
-
-  std::shared_ptr<PipelineData> out = takeEvent();
-  _event = record;
-  _lineCount = 1;
-  return out;
+  return isBreak;
 }
 
 bool Aggregator::shouldBreak(const char* line, size_t len) {

@@ -39,6 +39,7 @@
 #include "pipeline/analysis/DateParser.h"
 #include "pipeline/analysis/JointLineCountHash.h"
 #include "pipeline/analysis/LineShape.h"
+#include "util/ExtraTimevalParseInfo.h"
 #include "util/RE.h"
 #include "util/Str.h"
 #include "util/StrSegment.h"
@@ -56,6 +57,14 @@ class Aggregator {
   // A finished event, or null. REQUIRES: record is a line of this stream,
   // or null to flush.
   std::shared_ptr<PipelineData> processLine(const std::shared_ptr<PipelineData>& record);
+  // The same for a stream whose lines carry nothing but their text (every
+  // other key alike on all lines, as a file read by a tool): takes one line,
+  // or a null line to flush, and returns true with the text of the finished
+  // event in `event` when one is finished. The events and their texts are
+  // exactly those of processLine. No record is made per line, and no
+  // allocation once the buffers have grown. REQUIRES: this aggregator is
+  // fed through processText only, never through processLine as well.
+  bool processText(const StrSegment* line, Str& event);
 
   // The learned answer for a line (no date or regex settings involved):
   // true when it should start a new event.
@@ -69,6 +78,11 @@ class Aggregator {
   static bool looksBlank(const StrSegment& text) { return LineShape::looksBlank(text); }
 
   DateParser& dateParser() { return _dateParser; }
+  // The date terms of a parsed time, as PipelineData::appendMetaTimeInfo
+  // writes them; the terms from the hour on are kept, and made again only
+  // when the time changes by a minute or more. The text stays valid until
+  // the next call.
+  const Str& dateTerms(const ExtraTimevalParseInfo& info);
   bool indexDateElements() const { return _indexDateElements; }
   const Str& conf() const { return _conf; }
 
@@ -91,6 +105,11 @@ class Aggregator {
   // Ends the open event and hands it out; null when there is none or it is
   // blank (a blank event is never indexed).
   std::shared_ptr<PipelineData> takeEvent();
+  // Whether `line` starts a new event; keeps the state of the break rules
+  // that look back at earlier lines.
+  bool breaksBefore(const StrSegment& line);
+  // takeEvent for processText: the open text into `event`, unless blank.
+  bool takeText(Str& event);
 
   Str _conf;
   DateParser _dateParser;
@@ -98,6 +117,12 @@ class Aggregator {
 
   std::shared_ptr<PipelineData> _event;  // the event under construction
   Str _joined;                           // its text once a second line joined
+  Str _text;                             // processText: the open event's text
+  ExtraTimevalParseInfo _termsInfo;      // the time of _tail, to the minute
+  Str _tail;                             // its date terms
+  Str _terms;                            // subsecond and second terms, and _tail
+  bool _haveTerms = false;
+  bool _haveText = false;                // processText: an event is open
   uint32_t _lineCount = 0;
   uint64_t _blankLinesDropped = 0;
   unsigned _maxEvents = 512;

@@ -58,25 +58,37 @@ int AggregatorProcessor::execute(std::shared_ptr<PipelineData>& record) {
 }
 
 void AggregatorProcessor::putTimestamp(Aggregator& aggregator, PipelineData& record) {
-  Timeval reference;
   const char* given = record.getIfAvailCStr(PipelineData::timeKey);
-  unsigned long seconds = given ? strtoul(given, nullptr, 10) : 0;
-  if (seconds != 0 && seconds != ULONG_MAX)
-    reference.set(int64_t(seconds), 0);
+  const Str& raw = record.getStr(PipelineData::rawKey);
+  int64_t seconds = 0;
+  Str meta;
+  const bool found = eventTime(aggregator, StrSegment(raw.data(), raw.size()), given, seconds, meta);
+  if (!meta.empty()) record.append(PipelineData::metaKey, meta);
+  if (found)
+    record.setTimeKey((unsigned long)seconds);
+  else if (!given)
+    record.setTimeKey((unsigned long)time(nullptr));
+}
+
+bool AggregatorProcessor::eventTime(Aggregator& aggregator, const StrSegment& raw, const char* given,
+                                    int64_t& seconds, Str& meta) {
+  Timeval reference;
+  unsigned long givenSeconds = given ? strtoul(given, nullptr, 10) : 0;
+  if (givenSeconds != 0 && givenSeconds != ULONG_MAX)
+    reference.set(int64_t(givenSeconds), 0);
   else
     reference.setToNow();
 
   Timeval out;
   ExtraTimevalParseInfo extra;
-  const Str& raw = record.getStr(PipelineData::rawKey);
   // A time the index cannot hold (it keeps signed 32-bit seconds: from
   // 1901-12-13 to 2038-01-19) counts as none, rather than wrapping round.
-  if (aggregator.dateParser().parseDate(out, StrSegment(raw.data(), raw.size()), reference, extra) &&
-      out.sec() >= INT32_MIN && out.sec() <= INT32_MAX) {
-    if (aggregator.indexDateElements()) record.addMetaTimeInfo(&out, &extra);
-    record.setTimeKey((unsigned long)out.sec());
-  } else {
-    if (aggregator.indexDateElements()) record.addMetaNoTimestamp();
-    if (!given) record.setTimeKey((unsigned long)time(nullptr));
+  if (aggregator.dateParser().parseDate(out, raw, reference, extra) && out.sec() >= INT32_MIN &&
+      out.sec() <= INT32_MAX) {
+    if (aggregator.indexDateElements()) meta += aggregator.dateTerms(extra);
+    seconds = out.sec();
+    return true;
   }
+  if (aggregator.indexDateElements()) meta += "timestamp::none";
+  return false;
 }

@@ -34,6 +34,13 @@ class AggregatorProcessor : public Processor {
   // Gives `record` its time (`_time`) and, when the stream indexes date
   // elements, its date terms in `_meta`.
   static void putTimestamp(Aggregator& aggregator, PipelineData& record);
+  // The time putTimestamp finds for an event's text `raw`, given the text of
+  // the time its input gave (`given`, decimal seconds; null when none):
+  // true with the stated time in `seconds`, false when the text states none
+  // the index can hold. When the stream indexes date elements, the date
+  // terms (or "timestamp::none") are appended to `meta`.
+  static bool eventTime(Aggregator& aggregator, const StrSegment& raw, const char* given, int64_t& seconds,
+                        Str& meta);
 
   size_t streamCount() const { return _aggregators.size(); }
 

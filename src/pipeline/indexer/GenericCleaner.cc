@@ -37,7 +37,17 @@ GenericCleaner::GenericCleaner(const PropertiesMap& stanza) {
     for (const Str& b : parseBreakerList(v)) addBreaker(b, true);
   if (stanza.get("MINOR", v))
     for (const Str& b : parseBreakerList(v)) addBreaker(b, false);
-  for (int c = 0; c < 256; ++c) _plain[c] = _trie[0].child[c] == 0 && !isForcedBreaker((unsigned char)c);
+  for (int c = 0; c < 256; ++c) {
+    const int32_t node = _trie[0].child[c];
+    if (node == 0) {
+      _class[c] = isForcedBreaker((unsigned char)c) ? kMajor1 : kPlain;
+      continue;
+    }
+    const Node& n = _trie[size_t(node)];
+    bool leaf = true;
+    for (int d = 0; d < 256 && leaf; ++d) leaf = n.child[d] == 0;
+    _class[c] = !leaf || n.breakerLen != 1 ? kWalk : n.major ? kMajor1 : kMinor1;
+  }
   PropertyPages::layeredFind("LOOKAHEAD", stanza, _lookahead);
   PropertyPages::layeredFind("MINOR_LEN", stanza, _minorLen);
   PropertyPages::layeredFind("MAJOR_LEN", stanza, _majorLen);
@@ -185,10 +195,14 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const
   };
 
   while (p < end) {
-    bool major = false;
-    size_t blen = _plain[(unsigned char)*p] ? 0 : matchBreaker(p, end, major);
+    const uint8_t cls = _class[(unsigned char)*p];
+    bool major = cls == kMajor1;
+    size_t blen = cls == kPlain ? 0 : cls == kWalk ? matchBreaker(p, end, major) : 1;
     size_t off = base + size_t(p - text.data());
     if (blen == 0) {
+      // A run of bytes of the segment, copied lowercased in one pass: only
+      // its first byte can open the segment or a minor one. Past the
+      // buffer's end the bytes are skipped.
       if (w.bufLen < kMaxSegment) {
         if (!inSegment) {
           inSegment = true;
@@ -197,9 +211,17 @@ void GenericCleaner::tokenize(const StrSegment& input, ICleanCallback& cb) const
         } else if (minorFrom == w.bufLen) {
           minorRaw = off;
         }
-        w.buf[w.bufLen++] = lower((unsigned char)*p);
       }
+      size_t len = w.bufLen;
+      if (len < kMaxSegment) w.buf[len++] = lower((unsigned char)*p);
       ++p;
+      while (p < end) {
+        const unsigned char c = (unsigned char)*p;
+        if (_class[c] != kPlain) break;
+        if (len < kMaxSegment) w.buf[len++] = lower(c);
+        ++p;
+      }
+      w.bufLen = len;
       continue;
     }
     if (w.bufLen >= kMaxSegment && !major) {

@@ -71,9 +71,12 @@ class GenericCleaner {
   bool pass(Work& w, size_t from, size_t rawStart, size_t rawEnd, bool isMajor, ICleanCallback& cb) const;
 
   std::vector<Node> _trie;
-  // Bytes that neither begin a breaker nor are forced breakers: the common
-  // case, decided without walking the trie.
-  bool _plain[256];
+  // What a byte is, decided without walking the trie: kPlain neither begins
+  // a breaker nor is a forced breaker (the common case); kMajor1 / kMinor1
+  // are breakers of one byte that begin no longer breaker (a blank, a dot);
+  // kWalk begins a longer breaker ("%20"), and the trie decides.
+  enum ByteClass : uint8_t { kPlain, kMajor1, kMinor1, kWalk };
+  uint8_t _class[256];
   std::unique_ptr<Regex> _filter;
   long _lookahead = -1;
   long _minorLen = -1;

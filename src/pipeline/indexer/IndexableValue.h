@@ -14,6 +14,9 @@
 // term) with the value's time, address and codes; a subclass may catch the
 // terms instead.
 //
+// When store() is not overridden, index() writes each term straight into the
+// batch (lowercasing as it copies), with no call per term.
+//
 // Ownership: the cleaner and the engine handle belong to the caller and must
 // outlive the value. One thread uses an object at a time; index() allocates
 // nothing once the batch buffer has grown to a large event's terms (it is
@@ -21,6 +24,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "pipeline/indexer/GenericCleaner.h"
@@ -71,6 +75,14 @@ class IndexableValue : public ITokenHandler, public ICleanCallback {
   void put(const StrSegment& term, bool lowercase);
   // Hands the gathered terms to the engine.
   void flushTerms();
+  // Room for a term of n bytes and its NUL at the end of the batch.
+  char* batchRoom(size_t n);
+  // Counts the term just written into batchRoom(n); flushes a full batch.
+  void batched(size_t n);
+  // Puts every blank-separated term of the meta text, lowercased, in one
+  // pass, when the batch has room and no term is empty or longer than
+  // kMaxTerm; false (nothing put) otherwise. REQUIRES: _direct.
+  bool putMetaWhole(const StrSegment& meta);
 
   GenericCleaner* _cleaner;
   st_handle* _handle;
@@ -81,7 +93,10 @@ class IndexableValue : public ITokenHandler, public ICleanCallback {
   uint32_t _sourceCode = 0;
   uint32_t _sourceTypeCode = 0;
   char _term[kMaxTerm + 1];
-  std::string _batch;  // terms gathered by store(), each NUL-terminated
+  std::unique_ptr<char[]> _batch;  // terms gathered by store(), each NUL-terminated
+  size_t _batchLen = 0;
+  size_t _batchCap = 0;
   size_t _batchCount = 0;
   bool _inIndex = false;
+  bool _direct = false;  // in index(), with a handle and this class's own store()
 };

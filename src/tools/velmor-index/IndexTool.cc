@@ -227,8 +227,12 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
   // time, which is also the reference for stamps without a year.
   Aggregator agg("source::" + source + "|host::" + host + "|sourcetype::" + sourceType + "|" + source);
   agg.dateParser().setDateByString(StrSegment(source));
-  const auto mtimeText = std::make_shared<const Str>(std::to_string(int64_t(st.st_mtime)));
+  const Str mtimeText = std::to_string(int64_t(st.st_mtime));
+  // A big stdio buffer: fewer reads for the same lines.
+  setvbuf(in, nullptr, _IOFBF, 1 << 20);
 
+  // Every line carries the same keys but its text, so the events are made
+  // from text alone: one reused buffer per event text, time and date terms.
   WritableEvent ev;
   ev.host = StrSegment(host);
   ev.source = StrSegment(source);
@@ -238,12 +242,20 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
   size_t cap = 0;
   ssize_t n;
   uint64_t added = 0, skipped = 0, sinceSync = 0, bytes = 0, lines = 0;
-  auto write = [&](const std::shared_ptr<PipelineData>& event) {
-    if (!event) return;
-    AggregatorProcessor::putTimestamp(agg, *event);
-    ev.raw = StrSegment(event->getStr(PipelineData::rawKey));
-    ev.time = StrSegment(event->getStr(PipelineData::timeKey));
-    ev.meta = StrSegment(event->getStr(PipelineData::metaKey));
+  Str event, timeText, meta;
+  auto write = [&]() {
+    int64_t seconds = 0;
+    meta.clear();
+    if (AggregatorProcessor::eventTime(agg, StrSegment(event.data(), event.size()), mtimeText.c_str(), seconds,
+                                       meta)) {
+      timeText.clear();
+      PipelineData::appendTimeText((unsigned long)seconds, timeText);
+      ev.time = StrSegment(timeText.data(), timeText.size());
+    } else {
+      ev.time = StrSegment(mtimeText.data(), mtimeText.size());
+    }
+    ev.raw = StrSegment(event.data(), event.size());
+    ev.meta = StrSegment(meta.data(), meta.size());
     if (!_policy->write(ev)) {
       ++skipped;
       return;
@@ -264,12 +276,10 @@ int IndexTool::addFile(const Str& file, const Str& sourceType, GenericCleaner* c
     ++lines;
     size_t len = size_t(n);
     while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
-    auto record = std::make_shared<PipelineData>();
-    record->put(PipelineData::rawKey, Str(line, len));
-    record->put(PipelineData::timeKey, mtimeText);
-    write(agg.processLine(record));
+    const StrSegment text(line, len);
+    if (agg.processText(&text, event)) write();
   }
-  write(agg.processLine(nullptr));
+  if (agg.processText(nullptr, event)) write();
   const bool readError = ferror(in);
   const int readErrno = errno;
   free(line);

@@ -143,6 +143,50 @@ TEST_F(AggregatorProcessorTest, UndatedEventsKeepTheirInputTimeElseTakeTheClock)
   }
 }
 
+// eventTime gives what putTimestamp puts in a record: the time text (the
+// stated time as "%lu", else the input's) and the date terms, event after
+// event of one stream (the parser carries its last stamp forward).
+TEST_F(AggregatorProcessorTest, EventTimeMatchesTheRecordsTimeAndTerms) {
+  struct Case {
+    const char* source;
+    const char* time;  // the input's `_time`
+    std::vector<const char*> texts;
+  } cases[] = {
+      {"java", "1700000000",
+       {"2026-11-24 13:05:57,004 first", "no stamp: the last one again", "2026-11-24 13:06:01,250 next",
+        "2099-03-01 10:00:00,000 past what the index holds", "1969-12-31 23:59:59,000 before 1970"}},
+      {"java", nullptr, {"no stamp and no input time", "2026-11-24 13:05:57,004 first"}},
+      {"single", "1700000000", {"2001-01-01 00:00:00 undated here"}},
+      {"noterms", "1700000000", {"no date terms"}},
+  };
+  for (const Case& c : cases) {
+    Str conf = line(c.source, "x")->defaultConf(false);
+    Aggregator forRecord(conf), forText(conf);
+    for (const char* text : c.texts) {
+      Record r = line(c.source, text, c.time);
+      AggregatorProcessor::putTimestamp(forRecord, *r);
+      int64_t seconds = -1;
+      Str meta;
+      const bool found = AggregatorProcessor::eventTime(forText, StrSegment(text), c.time, seconds, meta);
+      Str timeText;
+      if (found) PipelineData::appendTimeText((unsigned long)seconds, timeText);
+      if (found || c.time) {
+        EXPECT_EQ(found ? timeText : Str(c.time), r->getStr(PipelineData::timeKey)) << text;
+      } else {
+        EXPECT_TRUE(r->has(PipelineData::timeKey)) << text;  // the clock's
+      }
+      EXPECT_EQ(meta, r->getStr(PipelineData::metaKey)) << text;
+    }
+  }
+  // One stated time, checked whole.
+  Aggregator a(line("java", "x")->defaultConf(false));
+  int64_t seconds = 0;
+  Str meta = "kept ";
+  ASSERT_TRUE(AggregatorProcessor::eventTime(a, StrSegment("2026-11-24 13:05:57,004 x"), "1700000000", seconds, meta));
+  EXPECT_EQ(seconds, 1795525557);
+  EXPECT_EQ(meta.substr(0, 36), "kept _subsecond:.004 date_second::57");
+}
+
 TEST_F(AggregatorProcessorTest, JavaTracesBecomeOneEventPerStampedBlockWithItsTime) {
   const char* lines[] = {
       "2026-11-24 13:05:57,004 ERROR [exec-7] com.example.PaymentService - failed",

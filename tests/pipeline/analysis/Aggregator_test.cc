@@ -4,6 +4,8 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstring>
+#include <functional>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -220,6 +222,85 @@ TEST_F(AggregatorTest, LearnedRulesJoinLinesOfARepeatedShape) {
   ASSERT_NE(rule, nullptr);
   EXPECT_FALSE(rule->brk);
   EXPECT_DOUBLE_EQ(rule->weight, 100.0);
+}
+
+// The text feed (processText) must give the events, and count the blank
+// lines, exactly as the record feed does, whatever rule cuts the stream.
+TEST_F(AggregatorTest, TextFeedGivesTheEventsOfTheRecordFeed) {
+  const Lines mixed = {"", "  ", "BEGIN a", "x", "", "y END", "z", "\t", "BEGIN b", "HOLD", "BEGIN c", "RELEASE"};
+  struct Case {
+    Str conf;
+    Lines lines;
+  } cases[] = {
+      {confOf("brk"), Lines{"", "lead"} + kTrace + Lines{kStamped, "   ", kStamped, ""}},
+      {confOf("after"), mixed},
+      {confOf("hold"), mixed},
+      {confOf("hold_max"), Lines{"BEGIN", "HOLD"} + numbered("BEGIN ", 1, 20) + Lines{" "}},
+      {confOf("max"), numbered("l", 1, 12) + Lines{"", ""} + numbered("m", 1, 3)},
+      {confOf("before"), {"head 1", "  more", "  BREAK", "  more", "head 2", "   "}},
+      {confOf("each"), {"a", "   ", "", "b", "\t \r"}},
+      {confOf("undated"), numbered("no stamp on line ", 1, 600) + Lines{"", "x"}},
+      {confOf("learned"), Lines{"top"} + Lines(6, "  at frame") + Lines{"next", "  at frame", ""}},
+      // No line merging: every line is an event, blank ones too (the index
+      // drops those), so none is counted here.
+      {confOf("/var/log/patterned/app.log"), {"a", "", "  ", "b"}},
+      {confOf("nothing"), {}},
+  };
+  for (const Case& c : cases) {
+    RulesDB::instance().clear();
+    Aggregator byRecord(c.conf);
+    const Lines expected = run(byRecord, c.lines);
+    RulesDB::instance().clear();
+    Aggregator byText(c.conf);
+    Lines got;
+    Str event("left over from the caller");
+    for (const std::string& l : c.lines) {
+      const StrSegment text(l.data(), l.size());
+      if (byText.processText(&text, event)) got.push_back(event);
+    }
+    if (byText.processText(nullptr, event)) got.push_back(event);
+    EXPECT_EQ(got, expected) << c.conf;
+    EXPECT_EQ(byText.blankLinesDropped(), byRecord.blankLinesDropped()) << c.conf;
+    EXPECT_FALSE(byText.processText(nullptr, event)) << c.conf;  // nothing left to flush
+  }
+}
+
+// The kept date terms must follow every field of the time: each step
+// changes one and the text must be what a fresh formatting gives.
+TEST_F(AggregatorTest, DateTermsFollowEveryFieldOfTheTime) {
+  ExtraTimevalParseInfo t;
+  t.precision = 3;
+  t.zoneKnown = true;
+  t.zoneOffset = 3600;
+  t.year = 2026, t.month = 10, t.mday = 24, t.wday = 2, t.hour = 13, t.minute = 5, t.second = 56;
+  std::strcpy(t.subsecond, "047");
+  std::vector<std::function<void(ExtraTimevalParseInfo&)>> steps = {
+      [](auto&) {},  // the same time again
+      [](auto& x) { std::strcpy(x.subsecond, "048"); },
+      [](auto& x) { x.second = 57; },
+      [](auto& x) { x.minute = 6; },
+      [](auto& x) { x.hour = 14; },
+      [](auto& x) { x.mday = 25; },
+      [](auto& x) { x.wday = 3; },
+      [](auto& x) { x.month = 11; },
+      [](auto& x) { x.year = 2027; },
+      [](auto& x) { x.zoneOffset = -18000; },
+      [](auto& x) { x.zoneKnown = false; },
+      [](auto& x) { x.subsecond[0] = '\0'; },  // subseconds claimed, none written
+      [](auto& x) { x.precision = 0; },
+      [](auto& x) { x.precision = -1; },
+      [](auto& x) { x.precision = -2; },
+      [](auto& x) { x.precision = -3; },
+      [](auto& x) { x.precision = 9, std::strcpy(x.subsecond, "123456789"); },
+  };
+  Aggregator a(confOf("each"));
+  int i = 0;
+  for (auto& step : steps) {
+    step(t);
+    Str fresh;
+    PipelineData::appendMetaTimeInfo(&t, fresh);
+    EXPECT_EQ(a.dateTerms(t), fresh) << "step " << i++;
+  }
 }
 
 TEST(CurrentLineDataHash, GivingUpFollowersKeepsTheirNumber) {

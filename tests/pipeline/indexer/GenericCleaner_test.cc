@@ -54,6 +54,13 @@ TEST(GenericCleaner, SegmentsTable) {
       // Longest breaker wins: "%20" is major although "%" is minor.
       {nullptr, nullptr, "x%20y", "x|y"},
       {nullptr, nullptr, "x%41y", "x|x%41y|41y"},
+      // A longer breaker cut short by the end of the text, or by another.
+      {nullptr, nullptr, "x%2", "x|x%2|2"},
+      {nullptr, nullptr, "x%%20y", "x|x%|y"},
+      {nullptr, nullptr, "%20%20", ""},
+      // Minor and major breakers of one byte side by side.
+      {nullptr, nullptr, "a.:b c", "a|a.|a.:b|b|c"},
+      {nullptr, nullptr, "A.B,c", "a|a.b|b|c"},
       // Control bytes break like majors.
       {nullptr, nullptr, "a\x01" "b", "a|b"},
       {"MAJOR_LEN", "3", "abcd ab.cd", "ab|cd"},
@@ -65,11 +72,16 @@ TEST(GenericCleaner, SegmentsTable) {
       {"FILTER", "msg=(\\S+)", "ts=1 msg=Hi.There", "msg|msg=hi|hi|msg=hi.there|there"},
       {"FILTER", "nomatch", "ts=1", ""},
       {"FILTER", "([", "a b", "a|b"},  // invalid: ignored
+      // A breaker of two bytes whose first byte alone is none, and one that
+      // begins with a control byte: that byte alone still breaks.
+      {"MAJOR", "\\s ab \\x01\\x02", "xaby a", "x|y|a"},
+      {"MAJOR", "\\s ab \\x01\\x02", "x\x01\x02y x\x01y", "x|y|x|y"},
       // UTF-8 bytes are word bytes.
       {nullptr, nullptr, "caf\xc3\xa9 ok", "caf\xc3\xa9|ok"},
   };
   for (const Row& r : rows) {
     PropertiesMap m = r.settingKey ? stanza({{r.settingKey, r.settingValue}}) : stanza({});
+    if (r.settingKey && std::string(r.settingKey) == "MAJOR") m.put("MAJOR", r.settingValue);
     GenericCleaner c(m);
     EXPECT_EQ(joined(c, r.in), r.out) << "in=" << r.in << " " << (r.settingKey ? r.settingKey : "");
   }

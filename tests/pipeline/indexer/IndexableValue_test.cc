@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <set>
 
@@ -62,6 +65,84 @@ TEST(IndexableValue, NoMetaAndOverlongTerm) {
   EXPECT_EQ(v.terms[1], std::string(IndexableValue::kMaxTerm, 'q'));
   EXPECT_EQ(v.terms[2], "linecount::1");
   EXPECT_EQ(v.terms[3], "x");
+}
+
+// A scratch engine directory, removed at the end.
+struct ScratchDir {
+  std::string path;
+  ScratchDir() {
+    char tmpl[] = "/tmp/velmor-iv-XXXXXX";
+    path = mkdtemp(tmpl) ? tmpl : "";
+  }
+  ~ScratchDir() {
+    if (!path.empty() && system(("rm -rf " + path).c_str()) != 0) {
+    }
+  }
+};
+
+// With a real engine handle the terms go straight into the batch (and a
+// well-formed meta text in one pass); the engine must end up holding what
+// putting the same terms one by one gives.
+TEST(IndexableValue, BatchedTermsMatchTermByTerm) {
+  const std::string longTerm(IndexableValue::kMaxTerm + 5, 'L'), fullTerm(IndexableValue::kMaxTerm, 'F');
+  struct Event {
+    std::string meta, raw;
+  } events[] = {
+      {"host::Web01 source::/var/log/A sourcetype::syslog date_second::7", "User=Bob\nFAILED login"},
+      {"", "no meta at all"},
+      {"Tag::X  double::blank", "two blanks make an empty term"},
+      {" lead::blank trail::blank ", "blanks at both ends"},
+      {"host::h " + longTerm + " after::long", "a meta term longer than kept"},
+      {"host::h " + fullTerm, "a meta term of exactly the kept length"},
+      {"ONE", std::string(3000, 'w') + " " + std::string(70000, 'x')},  // segments past the batch size
+      // Bytes on both sides of the upper-case letters, and above 0x7f.
+      {"Edge::@AZ[`az{\xc3\x89\xc1\xda MORE::Caps\xc0Z", "edge bytes"},
+      {"a::B c::D e::F g::H i::J k::LMNOPQRSTUVWXYZ", "terms across eight-byte words"},
+  };
+  ScratchDir a, b;
+  ASSERT_FALSE(a.path.empty());
+  ASSERT_FALSE(b.path.empty());
+  st_handle* batched = st_open(a.path.c_str());
+  st_handle* single = st_open(b.path.c_str());
+  ASSERT_NE(batched, nullptr);
+  ASSERT_NE(single, nullptr);
+  PropertiesMap m = shippedDefault();
+  GenericCleaner cleaner(m);
+  std::set<std::string> all;
+  uint32_t address = 0;
+  for (const Event& e : events) {
+    IndexableEvent ev;
+    ev.meta = StrSegment(e.meta);
+    ev.raw = StrSegment(e.raw);
+    IndexableValue direct(&cleaner, batched);
+    direct.setTime(1700000000 + int32_t(address));
+    direct.setAddress(address);
+    direct.setCodes(1, 2, 3);
+    direct.index(ev);
+    Recorder rec(&cleaner, nullptr);
+    rec.index(ev);
+    for (const std::string& t : rec.terms) {
+      ASSERT_EQ(st_put(single, t.c_str(), 1700000000 + int32_t(address), address, 0, 2, 3, 1), 0) << t;
+      all.insert(t);
+    }
+    ++address;
+  }
+  ASSERT_EQ(st_sync(batched), 0);
+  ASSERT_EQ(st_sync(single), 0);
+  std::vector<st_tsval> x(64), y(64);
+  for (const std::string& t : all) {
+    int nx = st_get(batched, t.c_str(), 0, INT32_MAX, x.data(), 64, 0);
+    int ny = st_get(single, t.c_str(), 0, INT32_MAX, y.data(), 64, 0);
+    ASSERT_GT(ny, 0) << t;
+    ASSERT_EQ(nx, ny) << t;
+    EXPECT_EQ(memcmp(x.data(), y.data(), size_t(nx) * sizeof(st_tsval)), 0) << t;
+  }
+  std::vector<st_enum_answer> ex(200), ey(200);
+  int nx = st_enum(batched, nullptr, 1, ex.data(), 200), ny = st_enum(single, nullptr, 1, ey.data(), 200);
+  EXPECT_EQ(nx, ny);
+  EXPECT_EQ(size_t(ny), all.size());
+  st_close(batched);
+  st_close(single);
 }
 
 bool isWordByte(unsigned char c) { return std::isalnum(c) || c == '_'; }
