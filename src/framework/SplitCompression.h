@@ -21,8 +21,9 @@
 // once beside the writer. At most one gzip runs at a time: a roll waits for the previous one
 // before starting the next. The gzip runs in this process, on a thread of
 // its own (_compressor), and writes the gzip format: it deflates the closed
-// file whole in one call (libdeflate, level kGzipLevel: smaller than "gzip
-// -6" gives and about three times faster), writes "N.gz" and removes "N",
+// file whole in one call (libdeflate, level kGzipLevel: on raw data files
+// 9% larger than level 6 and a quarter less CPU; the bucket stays below 0.7
+// bytes per raw byte), writes "N.gz" and removes "N",
 // as "gzip -f" does, under readers, whose open descriptors keep working; a
 // context opened later finds either name. No child process is made, so a
 // large process never forks for it. The writer keeps the image of the file
@@ -58,7 +59,7 @@ class SplitCompression {
  public:
   static constexpr uint64_t kDefaultRollSize = 0xA00000;  // 10 MiB
   static constexpr int kDefaultAddressBits = 5;
-  static constexpr int kGzipLevel = 6;
+  static constexpr int kGzipLevel = 4;
 
   // Creates the directory if needed and scans it. Throws
   // FileCompressionException ("mkdir failure: path=%s errno=%m") when the
