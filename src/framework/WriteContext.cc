@@ -135,12 +135,11 @@ void WriteContext::dropImage() {
   if (!_keeping) return;
   _keeping = false;
   const size_t pending = _used - _flushed;
-  std::memmove(_buf.data(), _buf.data() + _flushed, pending);
-  _used = pending;
-  _flushed = 0;
   ByteBuffer normal;
   normal.reserve(std::max(_cap, pending));
-  std::memcpy(normal.data(), _buf.data(), pending);
+  if (pending) std::memcpy(normal.data(), _buf.data() + _flushed, pending);
+  _used = pending;
+  _flushed = 0;
   _buf = std::move(normal);
 }
 
@@ -233,7 +232,7 @@ int64_t WriteContext::write(int32_t time, std::string_view raw, std::string_view
     if (!_keeping && _used + total > _cap && !flush()) return -1;
     char* out = _buf.data() + _used;
     for (const struct iovec& part : iov) {
-      std::memcpy(out, part.iov_base, part.iov_len);
+      if (part.iov_len) std::memcpy(out, part.iov_base, part.iov_len);
       out += part.iov_len;
     }
     _used += total;
