@@ -13,15 +13,7 @@ uint64_t st_ntohll(uint64_t v) { return __builtin_bswap64(v); }
 //   OFFSET  SIZE  MEANING
 //   0..3    1     bits 7k..7k+6 of the value in bits 0-6; bit 7 set = more
 //   4       1     bits 28..31 of the value; bit 7 always clear
-int st_encode_to_vbe(unsigned char* dst, uint32_t value) {
-  int n = 0;
-  while (value >= 0x80) {
-    dst[n++] = (unsigned char)((value & 0x7F) | 0x80);
-    value >>= 7;
-  }
-  dst[n++] = (unsigned char)value;
-  return n;
-}
+int st_encode_to_vbe(unsigned char* dst, uint32_t value) { return st_encode_to_vbe_quick(dst, value); }
 
 // Variable-byte word, 64-bit form:
 //   OFFSET  SIZE  MEANING
