@@ -208,9 +208,6 @@ TEST(MergeBytes, MergedFileIsPinned) {
   st_warm_slice_close(m);
   st_warm_slice_close(a);
   st_warm_slice_close(b);
-  unlink(out.c_str());
-  unlink(p.a.c_str());
-  unlink(p.b.c_str());
 }
 
 // Damaged posting bytes in an input end that input's list where the list
@@ -257,9 +254,6 @@ TEST(MergeBytes, DamagedListEndsWhereTheReaderStops) {
   st_warm_slice_close(m);
   st_warm_slice_close(a);
   st_warm_slice_close(b);
-  unlink(out.c_str());
-  unlink(p.a.c_str());
-  unlink(p.b.c_str());
 }
 
 // Random damage anywhere in either input (header, values, tables,
